@@ -1,0 +1,34 @@
+#include "frame/flags.h"
+
+#include <csignal>
+
+namespace {
+
+constexpr int flag_count = 6;
+static_assert(static_cast<int>(process_flag::outputs_report_needed) == flag_count - 1);
+
+// counts_changed and info_report_needed start raised, so the first pass
+// computes the counts and sends an info report.
+constexpr bool start_values[flag_count] = {false, false, true, true, false, false};
+static_assert(static_cast<int>(process_flag::counts_changed) == 2);
+static_assert(static_cast<int>(process_flag::info_report_needed) == 3);
+
+bool flags[flag_count] = {false, false, true, true, false, false};
+// Written by the signal handler, read at the top of every main-loop pass.
+volatile std::sig_atomic_t quit_flag = 0;
+
+int index_of(process_flag f) { return static_cast<int>(f); }
+
+}  // namespace
+
+bool flag_is_set(process_flag f) { return flags[index_of(f)]; }
+void raise_flag(process_flag f) { flags[index_of(f)] = true; }
+void clear_flag(process_flag f) { flags[index_of(f)] = false; }
+
+bool quit_is_requested() { return quit_flag != 0; }
+void request_quit() { quit_flag = 1; }
+
+void reset_process_flags() {
+  for (int i = 0; i < flag_count; ++i) flags[i] = start_values[i];
+  quit_flag = 0;
+}

@@ -1,0 +1,3 @@
+#include "frame/process.h"
+
+int process_main(int, char**) { return 1; }

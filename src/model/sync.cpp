@@ -1,0 +1,3 @@
+#include "model/sync.h"
+
+void initial_sync() {}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "frame/clock.h"
+
+// The one TCP connection to the switcher: non-blocking connect retried every
+// 5 s, a transmit buffer flushed one write at a time, a 20 s watchdog.
+
+// The connection step: starts an attempt when one is due and an address is
+// configured, or checks a connect in progress (waiting at most 1 ms).
+void connection_connect();
+
+// The router link step: finishes a connect in progress, reads and parses what
+// arrived, writes pending transmit bytes, runs the watchdog.
+void connection_poll();
+
+// Closes the socket and resets the link and receive state; clears sync_needed.
+// Does nothing when no socket is open.
+void connection_close();
+
+// Appends frame bytes to the transmit buffer and makes one write of
+// everything unwritten. A broken connection is logged and closed.
+void connection_queue_and_write(const char* bytes, std::size_t n);
+
+// State queries.
+[[nodiscard]] bool connection_is_open();
+[[nodiscard]] int connection_socket();  // -1 when none is open
+[[nodiscard]] bool connection_connect_in_progress();
+[[nodiscard]] bool connection_tx_pending();
+
+// The receive parser's sign of life for the watchdog.
+void connection_mark_activity(us_time_t now);
+
+// Test hooks: the watchdog's and the retry timer's reference times, and a
+// return of the whole link state to its start-up shape (closing any socket).
+void connection_set_last_activity_for_test(us_time_t t);
+void connection_set_next_connect_time_for_test(us_time_t t);
+void connection_reset_for_test();

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "frame/clock.h"
+#include "model/route_change.h"
+
+// Route changes from the parent: added to a queue, moved to the send queue by
+// a flush, and sent as one "TI" command per output, each batch pacing the
+// next by 66 ms per command (750 ms at most).
+
+void add_route_change(const route_change& change);
+// Empties the added changes; the send queue is kept.
+void discard_route_changes();
+// Moves every added change to the send queue, then send_route_changes().
+void flush_route_changes();
+// Sends the send queue when the link, the synchronisation and the pacing
+// allow; otherwise leaves it for the delayed-flush step.
+void send_route_changes();
+// The main loop's step: sanity checks on the timers, the queue timeout, and
+// sending changes whose pacing time has come.
+void delayed_flush_step();
+
+[[nodiscard]] bool send_queue_empty();
+[[nodiscard]] us_time_t flush_allow();
+[[nodiscard]] us_time_t queue_timeout();
+
+// Test hooks: set the pacing timers, and return everything to start-up.
+void set_flush_allow_for_test(us_time_t t);
+void set_queue_timeout_for_test(us_time_t t);
+void reset_route_queues();

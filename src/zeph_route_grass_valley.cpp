@@ -1,0 +1,11 @@
+// Process entry and the glue between the subsystems.
+#include "frame/process.h"
+#include "router/exchange.h"
+#include "service/dispatcher.h"
+
+int main(int argc, char** argv) {
+  // Waits for the switcher serve the parent through the command dispatcher;
+  // the router link reaches it only through this handler.
+  set_parent_poll_handler(poll_parent_message);
+  return process_main(argc, argv);
+}

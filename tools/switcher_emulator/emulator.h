@@ -1,0 +1,2 @@
+#pragma once
+// The switcher emulator's logic (not built yet).
