@@ -1,5 +1,151 @@
 #include "model/polling.h"
 
-void status_polling_step() {}
-us_time_t next_status_poll() { return 0; }
-void set_next_status_poll(us_time_t) {}
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "frame/config.h"
+#include "frame/diag.h"
+#include "frame/flags.h"
+#include "model/tables.h"
+#include "router/connection.h"
+#include "router/exchange.h"
+#include "router/hex.h"
+#include "router/receive.h"
+#include "service/dispatcher.h"
+
+namespace {
+
+us_time_t next_poll = 0;  // 0: no status request scheduled
+
+constexpr us_time_t poll_interval_us = 350000;
+constexpr us_time_t flags_deadline_us = 2000000;   // "BK" "F" and "QD"
+constexpr us_time_t reread_deadline_us = 3000000;  // names re-reads and "BK" "f"
+constexpr us_time_t route_budget_us = 5000000;     // all "QI" of one request
+
+// Change-flag bits the backend acts on.
+constexpr std::uint64_t source_names_changed = 0x10;
+constexpr std::uint64_t dest_names_changed = 0x04;
+
+bool link_ready() { return connection_is_open() && !connection_connect_in_progress(); }
+
+using table_update = void (*)(const std::vector<router_message>&);
+
+// Re-reads one names table; a failed exchange still rebuilds the table from
+// whatever part of the reply arrived.
+void reread_names(const char* kind, table_update update) {
+  const us_time_t deadline = monotonic_now_us() + reread_deadline_us;
+  poll_parent_message();
+  connection_poll();
+  router_message msg = make_router_request("QN", {kind});
+  std::vector<router_message> response;
+  (void)do_timeout_send_and_recv(msg, response, deadline);
+  update(response);
+}
+
+// Asks for the change flags, re-reads what they name and acknowledges them.
+// A failed flags query ends the request: returns false.
+bool query_change_flags() {
+  router_message msg = make_router_request("BK", {"F"});
+  std::vector<router_message> response;
+  if (!do_timeout_send_and_recv(msg, response, monotonic_now_us() + flags_deadline_us)) {
+    return false;
+  }
+  // Only a single "KB" "F" answer is usable; anything else is ignored and
+  // the changed destinations are still asked for.
+  if (response.size() != 1 || !router_request_is(response[0], "KB") ||
+      response[0].parameters.size() < 2 || response[0].parameters[0] != "F") {
+    return true;
+  }
+  const std::uint64_t flags = std::strtoul(response[0].parameters[1].c_str(), nullptr, 16);
+  if (flags & source_names_changed) reread_names("IS", update_sources_info);
+  if (flags & dest_names_changed) reread_names("ID", update_dest_info);
+  msg = make_router_request("BK", {"f", hex_parameter(flags & 0xFFFFFFFFu)});
+  (void)do_timeout_send_and_recv(msg, response, monotonic_now_us() + reread_deadline_us);
+  return true;
+}
+
+// Marks every destination whose name a "DQ" reply carries. Returns false when
+// the reply held no "DQ" message at all.
+bool mark_changed_outputs(const std::vector<router_message>& response,
+                          std::vector<bool>& changed) {
+  const std::vector<router_entry>& outputs = router_outputs_info();
+  changed.assign(router_output_count(), false);
+  bool found = false;
+  for (const router_message& m : response) {
+    if (!m.ok || !router_request_is(m, "DQ") || m.parameters.size() < 2) continue;
+    found = true;
+    for (std::size_t i = 0; i < outputs.size() && i < changed.size(); ++i) {
+      if (outputs[i].name == m.parameters[0]) changed[i] = true;
+    }
+  }
+  return found;
+}
+
+// Re-reads the route of every changed output under one budget. The query
+// carries the position counted from 1, not the switcher's own number.
+void query_changed_routes(const std::vector<bool>& changed) {
+  const us_time_t budget = monotonic_now_us() + route_budget_us;
+  std::vector<router_message> response;
+  for (std::uint64_t i = 0;
+       i < active_outputs() && i < router_output_count() && i < changed.size(); ++i) {
+    if (!changed[i]) continue;
+    poll_parent_message();
+    connection_poll();
+    router_message msg = make_router_request("QI", {hex_parameter(i + 1), "0"});
+    (void)do_timeout_send_and_recv(msg, response, budget);
+    update_route_status(response);
+  }
+}
+
+void reschedule() {
+  // Two successive values of the unseeded generator, multiplied with 32-bit
+  // wrap-around; the low 12 bits are the jitter.
+  const auto r1 = static_cast<std::uint32_t>(std::rand());
+  const auto r2 = static_cast<std::uint32_t>(std::rand());
+  const std::uint32_t jitter = (r1 * r2) & 0xFFFu;
+  next_poll = monotonic_now_us() + poll_interval_us + jitter;
+}
+
+// One periodic status request. Returns false when an exchange failed and the
+// polling step must end at once, without rescheduling.
+bool periodic_status_request() {
+  diag("<DBG>Sending periodic status request as TCP keepalive and to keep up with unreported changes if they should occur\n");
+  if (!query_change_flags()) return false;
+
+  router_message msg = make_router_request("QD");
+  std::vector<router_message> response;
+  if (!do_timeout_send_and_recv(msg, response, monotonic_now_us() + flags_deadline_us)) {
+    return false;
+  }
+  std::vector<bool> changed;
+  if (mark_changed_outputs(response, changed)) query_changed_routes(changed);
+  reschedule();
+  return true;
+}
+
+// Messages nobody asked for are taken off the queue; of a batch only the
+// last one is logged.
+void drain_unsolicited() {
+  while (!received_queue_empty()) {
+    router_message m = connection_recvmsg();
+    if (received_queue_empty()) log_router_message(m);
+  }
+}
+
+}  // namespace
+
+void status_polling_step() {
+  if (!link_ready()) return;
+  connection_poll();
+  if (!link_ready()) return;
+  if (next_poll != 0 && monotonic_now_us() >= next_poll &&
+      !flag_is_set(process_flag::sync_needed)) {
+    if (!periodic_status_request()) return;
+  }
+  drain_unsolicited();
+}
+
+us_time_t next_status_poll() { return next_poll; }
+void set_next_status_poll(us_time_t t) { next_poll = t; }

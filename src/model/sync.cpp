@@ -1,3 +1,200 @@
 #include "model/sync.h"
 
-void initial_sync() {}
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "frame/clock.h"
+#include "frame/config.h"
+#include "frame/diag.h"
+#include "frame/flags.h"
+#include "model/polling.h"
+#include "model/tables.h"
+#include "router/connection.h"
+#include "router/exchange.h"
+#include "router/hex.h"
+#include "router/receive.h"
+#include "service/dispatcher.h"
+#include "service/reports.h"
+#include "service/route_queue.h"
+
+namespace {
+
+constexpr us_time_t handshake_limit_us = 5000000;
+constexpr us_time_t handshake_resend_us = 100000;
+constexpr us_time_t query_deadline_us = 3000000;
+constexpr us_time_t route_budget_us = 5000000;
+constexpr us_time_t first_poll_delay_us = 350000;
+
+bool link_ready() { return connection_is_open() && !connection_connect_in_progress(); }
+
+// One request-reply step of the sequence: serve the parent, poll the link,
+// then the exchange. True when a complete reply arrived.
+bool query_step(std::vector<router_message>& response, const char* request,
+                std::vector<std::string> parameters, us_time_t deadline) {
+  poll_parent_message();
+  connection_poll();
+  router_message msg = make_router_request(request, std::move(parameters));
+  return do_timeout_send_and_recv(msg, response, deadline);
+}
+
+bool query_step(std::vector<router_message>& response, const char* request,
+                std::vector<std::string> parameters) {
+  return query_step(response, request, std::move(parameters),
+                    monotonic_now_us() + query_deadline_us);
+}
+
+// Sends a bare "BK" until the switcher answers with a message, resending every
+// 100 ms for at most 5 s. On success the answer is in answer; on failure the
+// connection has been closed.
+bool handshake(router_message& answer) {
+  const us_time_t limit = monotonic_now_us() + handshake_limit_us;
+  for (;;) {
+    poll_parent_message();
+    connection_poll();
+    if (monotonic_now_us() >= limit) {
+      diag("<ERR>Timeout sending message\n");
+      connection_close();
+      return false;
+    }
+    answer = make_router_request("BK");
+    if (!connection_sendmsg(answer)) {
+      diag("<ERR>Unable to send message\n");
+      connection_close();
+      return false;
+    }
+    const us_time_t resend_at = std::min(monotonic_now_us() + handshake_resend_us, limit);
+    while (monotonic_now_us() < resend_at) {
+      poll_parent_message();
+      connection_poll();
+      answer = connection_recvmsg();
+      // A bare ACK has no body either: keep waiting for a real message.
+      if (!answer.raw.empty()) return true;
+    }
+  }
+}
+
+// The text of an identity answer: a single good "KB" message repeating the
+// query letter. Returns false, leaving text alone, for anything else.
+bool identity_answer(const std::vector<router_message>& response, const char* letter,
+                     std::string& text) {
+  if (response.size() != 1) return false;
+  const router_message& m = response[0];
+  if (!m.ok || !router_request_is(m, "KB") || m.parameters.size() < 2 ||
+      m.parameters[0] != letter) {
+    return false;
+  }
+  text = m.parameters[1];
+  return true;
+}
+
+// Model, revision and type. Returns false when an exchange failed.
+bool learn_identity(std::vector<router_message>& response) {
+  if (!query_step(response, "BK", {"N"})) return false;
+  std::string model;
+  if (identity_answer(response, "N", model)) {
+    set_device_model(model);
+    if (!model.empty()) diag("<NOTE>Device is a \"%s\"\n", model.c_str());
+  }
+
+  // The revision and the type share one deadline.
+  const us_time_t deadline = monotonic_now_us() + query_deadline_us;
+  std::string revision;
+  std::string type;
+  if (!query_step(response, "BK", {"R"}, deadline)) return false;
+  identity_answer(response, "R", revision);
+  if (!query_step(response, "BK", {"T"}, deadline)) return false;
+  identity_answer(response, "T", type);
+
+  // "V5 [2.1]" when both are known, else whichever is.
+  std::string firmware = type.empty() ? revision : type;
+  if (!type.empty() && !revision.empty()) firmware += " [" + revision + "]";
+  set_firmware_version(firmware);
+  if (!firmware.empty()) diag("<NOTE>Firmware: %s\n", firmware.c_str());
+  return true;
+}
+
+// The setup commands and the names queries. Returns false when the sequence
+// must be abandoned.
+bool setup_and_names(std::vector<router_message>& response) {
+  if (!query_step(response, "BK", {"I", "15"})) return false;
+  if (!query_step(response, "BK", {"E", "OFF"})) return false;
+  if (!query_step(response, "BK", {"D"})) return false;
+
+  const us_time_t deadline = monotonic_now_us() + query_deadline_us;
+  poll_parent_message();
+  connection_poll();
+  router_message msg = make_router_request("QN", {"L"});
+  diag("<DBG>Asking for levels...\n");
+  if (!do_timeout_send_and_recv(msg, response, deadline)) return false;
+  update_levels_info(response);
+
+  connection_poll();
+  drain_received_queue();
+  // A failed sources or destinations query still rebuilds its table from
+  // what arrived, and the sequence goes on.
+  (void)query_step(response, "QN", {"IS"});
+  update_sources_info(response);
+  (void)query_step(response, "QN", {"ID"});
+  update_dest_info(response);
+  return true;
+}
+
+// Asks for the route of every active output under one budget; the query
+// carries the position counted from 1.
+void query_all_routes(std::vector<router_message>& response) {
+  const us_time_t budget = monotonic_now_us() + route_budget_us;
+  for (std::uint64_t i = 0; i < active_outputs(); ++i) {
+    poll_parent_message();
+    connection_poll();
+    router_message msg = make_router_request("QI", {hex_parameter(i + 1), "0"});
+    (void)do_timeout_send_and_recv(msg, response, budget);
+    update_route_status(response);
+  }
+}
+
+void hand_over(std::vector<router_message>& response) {
+  set_next_status_poll(monotonic_now_us() + first_poll_delay_us);
+  if (flag_is_set(process_flag::counts_changed)) {
+    recompute_active_counts();
+    clear_flag(process_flag::counts_changed);
+  }
+  // sync_needed is still raised here, so this sends nothing yet; it only
+  // lets the delayed-flush step expire stale changes.
+  delayed_flush_step();
+  send_route_changes();
+  clear_flag(process_flag::info_report_needed);
+  send_info_report();
+  query_all_routes(response);
+  send_routing_report();
+}
+
+}  // namespace
+
+void initial_sync() {
+  connection_poll();
+  drain_received_queue();
+  if (!link_ready()) {
+    connection_close();
+    return;
+  }
+  set_device_model("");
+  set_firmware_version("");
+
+  router_message answer;
+  if (!handshake(answer)) return;
+  if (answer.ok) {
+    diag("<DBG>Router BK sync ack\n");
+  } else {
+    diag("<DBG>Router BK sync fail\n");
+    diag("%s\n", describe_router_message(answer).c_str());
+  }
+  connection_poll();
+  drain_received_queue();
+
+  std::vector<router_message> response;
+  if (!learn_identity(response)) return;
+  if (!setup_and_names(response)) return;
+  hand_over(response);
+}
