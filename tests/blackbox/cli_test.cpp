@@ -43,6 +43,7 @@ TEST_F(CommandLineTest, StopsAtStartUp) {
   const std::string missing = dir_.path + "/missing.cfg";
   const std::string link = dir_.path + "/link.cfg";
   ASSERT_EQ(0, symlink(cfg_.c_str(), link.c_str()));
+  const std::string no_path = "No file path specified, use --file option. See --help for details\n";
   struct Case {
     const char* name;
     std::vector<std::string> args;
@@ -57,8 +58,8 @@ TEST_F(CommandLineTest, StopsAtStartUp) {
       {"file with a suffix", {"--filex", cfg_}, "Unknown switch 'filex'\n"},
       {"file as last argument", {"--file"}, ""},
       {"stray word then file last", {"word", "--file"}, "Unknown argument 'word'\n"},
-      {"no arguments", {}, "No file path specified, use --file option. See --help for details\n"},
-      {"empty path", {"--file", ""}, "No file path specified, use --file option. See --help for details\n"},
+      {"no arguments", {}, no_path},
+      {"empty path", {"--file", ""}, no_path},
       {"missing path", {"--file", missing}, Invalid(missing)},
       {"directory", {"--file", dir_.path}, Invalid(dir_.path)},
       {"symbolic link", {"--file", link}, Invalid(link)},

@@ -34,15 +34,21 @@ TEST(ParentMessageTest, ParsesLines) {
     parent_message expected;
   };
   const Case cases[] = {
-      {"request", {"*COMMAND=report", "*ID=17", "report=info"}, {"report", "", "", "17", {{"report", "info"}}}},
+      {"request",
+       {"*COMMAND=report", "*ID=17", "report=info"},
+       {"report", "", "", "17", {{"report", "info"}}}},
       {"reserved error and type", {"*ERROR=bad", "*TYPE=reply"}, {"", "bad", "reply", "", {}}},
       {"first equals splits", {"*COMMAND=a=b", "k==v"}, {"a=b", "", "", "", {{"k", "=v"}}}},
-      {"repeated name joins lines", {"k=a", "k=b", "*ID=1", "*ID=2"}, {"", "", "", "1\n2", {{"k", "a\nb"}}}},
+      {"repeated name joins lines",
+       {"k=a", "k=b", "*ID=1", "*ID=2"},
+       {"", "", "", "1\n2", {{"k", "a\nb"}}}},
       {"empty value is present", {"k="}, {"", "", "", "", {{"k", ""}}}},
       {"empty first line is dropped", {"k=", "k=b"}, {"", "", "", "", {{"k", "b"}}}},
       {"near-reserved names are fields", {"*COMMANDX=a", "*command=b", "*ID", "=c"},
        {"", "", "", "", {{"*COMMANDX", "a"}, {"*command", "b"}, {"", "c"}}}},
-      {"NUL ends the text", {std::string("k=v\0w", 5), std::string("\0k=v", 4)}, {"", "", "", "", {{"k", "v"}}}},
+      {"NUL ends the text",
+       {std::string("k=v\0w", 5), std::string("\0k=v", 4)},
+       {"", "", "", "", {{"k", "v"}}}},
       // Lines that carry nothing follow.
       {"no equals", {"report", "\r", ""}, {}},
   };
