@@ -82,6 +82,12 @@ void queue_frame(emulator_server& s, const router_message& msg, us_time_t now) {
   s.tx.push_back(std::move(c));
 }
 
+// True once the connection has seen more good frames than it may answer.
+bool silenced(const emulator_server& s) {
+  const std::int64_t limit = s.opt.faults.silent_after;
+  return limit >= 0 && s.frames_in > static_cast<std::uint64_t>(limit);
+}
+
 // Applies the connection faults to one good frame, then answers it.
 void handle_frame(emulator_server& s, const router_message& req, us_time_t now) {
   const emulator_faults& f = s.opt.faults;
@@ -92,7 +98,7 @@ void handle_frame(emulator_server& s, const router_message& req, us_time_t now) 
     drop_client(s, "closed by fault");
     return;
   }
-  if (f.silent_after >= 0 && s.frames_in > static_cast<std::uint64_t>(f.silent_after)) {
+  if (silenced(s)) {
     if (s.opt.verbose) diag("fault silent\n");
     return;
   }
@@ -114,7 +120,8 @@ void read_client(emulator_server& s, us_time_t now) {
   }
   if (r < 0) {
     if (errno == EAGAIN || errno == EINTR) return;
-    diag("client read failed: %s\n", std::strerror(errno));
+    // A client going away is routine here, not a failure of the emulator.
+    if (s.opt.verbose) diag("client error: %s\n", std::strerror(errno));
     drop_client(s, "closed");
     return;
   }
@@ -127,6 +134,7 @@ void read_client(emulator_server& s, us_time_t now) {
       continue;
     }
     if (s.opt.verbose) diag("reject %s\n", item.reason);
+    if (silenced(s)) continue;
     router_message nak;
     nak.nak = true;
     nak.nakerr = 1;
@@ -141,7 +149,7 @@ void write_client(emulator_server& s, us_time_t now) {
     const ssize_t w = send(s.client_fd, c.bytes.data() + c.sent, len, MSG_NOSIGNAL);
     if (w < 0) {
       if (errno == EAGAIN || errno == EINTR) return;
-      diag("client write failed: %s\n", std::strerror(errno));
+      if (s.opt.verbose) diag("client error: %s\n", std::strerror(errno));
       drop_client(s, "closed");
       return;
     }
