@@ -178,6 +178,20 @@ std::string read_record(child_process& c, int timeout_ms) {
   }
 }
 
+std::string read_line(child_process& c, int timeout_ms) {
+  const deadline d(timeout_ms);
+  for (;;) {
+    const std::size_t nl = c.out_buf.find('\n');
+    if (nl != std::string::npos) {
+      std::string line = c.out_buf.substr(0, nl);
+      c.out_buf.erase(0, nl + 1);
+      return line;
+    }
+    if (d.left_ms() == 0 || (c.out_fd < 0 && c.err_fd < 0)) return {};
+    pump_output(c, d.left_ms());
+  }
+}
+
 std::string wait_for_stderr(child_process& c, const std::string& text, int timeout_ms) {
   const deadline d(timeout_ms);
   std::size_t scanned = 0;  // lines before this offset do not hold text

@@ -42,6 +42,10 @@ void close_input(child_process& c);
 // line, or "" when none arrived.
 std::string read_record(child_process& c, int timeout_ms);
 
+// Waits up to timeout_ms for one line on the child's standard output; returns
+// it without its "\n", or "" when none arrived.
+std::string read_line(child_process& c, int timeout_ms);
+
 // Waits up to timeout_ms for a standard-error line containing text; returns
 // the whole line with its "\n", or "" when none arrived. When it is found, it
 // and the lines before it are consumed.

@@ -1,0 +1,86 @@
+// A flaky switcher: the backend logs what went wrong, reconnects no more often
+// than every 5 s, synchronises from scratch and keeps serving its parent.
+#include <chrono>
+
+#include "blackbox/system_fixture.h"
+
+namespace {
+
+using steady = std::chrono::steady_clock;
+
+class RecoveryTest : public SystemTest {
+ protected:
+  // The parent is answered while the link is down or being rebuilt.
+  void ExpectParentServed(const std::string& id) {
+    Send("*COMMAND=report\n*TYPE=command\n*ID=" + id + "\nwhat=inputs\n\n");
+    EXPECT_EQ("*TYPE=reply\n*ID=" + id + "\n", WaitRecord("*ID=" + id));
+  }
+
+  // Waits for the emulator's next client; returns when it connected.
+  steady::time_point NextClient() {
+    EXPECT_NE("", wait_for_stderr(emu_, "client connected", wait_ms));
+    return steady::now();
+  }
+
+  static double SecondsBetween(steady::time_point a, steady::time_point b) {
+    return std::chrono::duration<double>(b - a).count();
+  }
+};
+
+TEST_F(RecoveryTest, DroppedConnectionIsRebuiltAndResynchronised) {
+  // The 13 frames that synchronise three outputs are answered; the 14th, the
+  // first status request, makes the emulator hang up.
+  StartEmulator({"--outputs", "3", "--inputs", "3", "--close-after", "14"});
+  StartBackend();
+  const steady::time_point first = NextClient();
+  EXPECT_NE("", wait_for_stderr(backend_, "<NOTE>Connection suddenly dropped", wait_ms));
+  ExpectParentServed("1");
+  const steady::time_point second = NextClient();
+  EXPECT_GT(SecondsBetween(first, second), 4.0);
+  EXPECT_NE("", wait_for_stderr(emu_, "recv BK N", wait_ms));
+  EXPECT_NE("", WaitRecord("o2.input.all"));
+}
+
+TEST_F(RecoveryTest, SilentSwitcherTimesOutAfterThreeSeconds) {
+  StartEmulator({"--silent-after", "4"});
+  StartBackend();
+  ASSERT_NE("", wait_for_stderr(emu_, "recv BK I 15", wait_ms));
+  const steady::time_point sent = steady::now();
+  EXPECT_EQ("<ERR>Timeout receiving message\n",
+            wait_for_stderr(backend_, "<ERR>", wait_ms));
+  EXPECT_GT(SecondsBetween(sent, steady::now()), 2.5);
+  EXPECT_EQ("<NOTE>Connection to router closed\n", wait_for_stderr(backend_, "<NOTE>", wait_ms));
+  ExpectParentServed("2");
+  NextClient();
+}
+
+TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
+  StartEmulator({"--ack-only"});
+  StartBackend();
+  NextClient();
+  const steady::time_point start = steady::now();
+  EXPECT_EQ("<ERR>Timeout sending message\n", wait_for_stderr(backend_, "<ERR>", wait_ms));
+  EXPECT_GT(SecondsBetween(start, steady::now()), 4.0);
+  // Resent every 100 ms: about fifty handshakes in the five seconds.
+  const std::string& log = stderr_so_far(emu_, 300);
+  int handshakes = 0;
+  for (std::size_t at = 0; (at = log.find("recv BK\n", at)) != std::string::npos; ++at) {
+    ++handshakes;
+  }
+  EXPECT_GE(handshakes, 25);
+  EXPECT_LE(handshakes, 55);
+  EXPECT_NE("", wait_for_stderr(backend_, "<NOTE>Connection to router closed", wait_ms));
+}
+
+TEST_F(RecoveryTest, RefusedConnectionsAreRetriedEveryFiveSeconds) {
+  StartEmulator({"--refuse-for", "2500", "--outputs", "2", "--inputs", "2"});
+  StartBackend();
+  EXPECT_NE("", wait_for_stderr(emu_, "client refused", wait_ms));
+  const steady::time_point refused = steady::now();
+  ExpectParentServed("3");
+  NextClient();
+  EXPECT_GT(SecondsBetween(refused, steady::now()), 4.0);
+  EXPECT_NE("", WaitRecord("o1.input.all"));
+}
+
+}  // namespace

@@ -1,0 +1,61 @@
+#pragma once
+
+// The real backend against the real switcher emulator, both as children with
+// pipes: the test plays the parent on the backend's standard input and output
+// and reads the emulator's verbose frame log.
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/process.h"
+#include "support/temp_file.h"
+
+class SystemTest : public testing::Test {
+ protected:
+  static constexpr int wait_ms = 15000;  // generous bound for anything that must happen
+
+  // Starts the emulator on an ephemeral port with the given extra options.
+  void StartEmulator(const std::vector<std::string>& extra = {}) {
+    std::vector<std::string> argv{"switcher_emulator", "--port", "0", "--verbose"};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    ASSERT_TRUE(spawn(emu_, EMULATOR_PATH, argv));
+    const std::string first = read_line(emu_, wait_ms);
+    port_ = first.substr(first.find_last_of(' ') + 1);
+    ASSERT_FALSE(port_.empty()) << first;
+  }
+
+  // Starts the backend on a configuration naming the emulator.
+  void StartBackend(const std::string& extra_config = "") {
+    const std::string cfg =
+        dir_.write("r.cfg", "ip address = 127.0.0.1\nport = " + port_ + "\n" + extra_config);
+    ASSERT_TRUE(spawn(backend_, DAEMON_PATH, {"zeph_route_grass_valley", "--file", cfg}));
+  }
+
+  // Reads records until one holds needle; returns it, or "" at the deadline.
+  std::string WaitRecord(const std::string& needle, int ms = wait_ms) {
+    for (std::string r; !(r = read_record(backend_, ms)).empty();) {
+      if (r.find(needle) != std::string::npos) return r;
+    }
+    return {};
+  }
+
+  // The emulator's "recv" lines up to and including the one holding last.
+  std::vector<std::string> ReceivedUntil(const std::string& last) {
+    std::vector<std::string> seen;
+    for (std::string line; !(line = wait_for_stderr(emu_, "recv ", wait_ms)).empty();) {
+      line.pop_back();
+      seen.push_back(line.substr(line.find("recv ") + 5));
+      if (seen.back() == last) break;
+    }
+    return seen;
+  }
+
+  void Send(const std::string& record) { ASSERT_TRUE(send_text(backend_, record)); }
+
+  temp_dir dir_;
+  child_process emu_;
+  child_process backend_;
+  std::string port_;
+};
