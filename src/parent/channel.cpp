@@ -1,9 +1,140 @@
 #include "parent/channel.h"
 
-int parent_channel_prepare() { return -1; }
-int parent_pump() { return -1; }
-const parent_message* parent_next() { return nullptr; }
-void parent_send(const parent_message&) {}
-bool parent_output_pending() { return false; }
-void parent_add_read_fds(fd_set*, int*) {}
-void parent_channel_use_fds_for_test(int, int) {}
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+namespace {
+
+int in_fd = 0;   // requests from the parent
+int out_fd = 1;  // replies and reports to the parent
+
+// The record being filled. Only one is ever buffered: while it is ready,
+// further input stays unread in the descriptor.
+parent_message incoming;
+std::string line;              // bytes of the current input line so far
+bool record_ready = false;     // complete, waiting to be taken
+bool record_handed_out = true; // taken; cleared before the next byte is read
+
+// Serialised records not yet written. written counts the leading bytes
+// already written; both are reset together once everything is out.
+std::string output;
+std::uint64_t written = 0;
+
+// A pipe, a terminal or other character device, or a socket.
+bool usable_type(int fd) {
+  struct stat st{};
+  if (fstat(fd, &st) != 0) return false;
+  return S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode) || S_ISSOCK(st.st_mode);
+}
+
+bool set_nonblocking(int fd) {
+  const int fl = fcntl(fd, F_GETFL);
+  return fl != -1 && fcntl(fd, F_SETFL, fl | O_NONBLOCK) != -1;
+}
+
+void reset_output() {
+  output.clear();
+  written = 0;
+}
+
+// Reads at most one byte. Returns -1 at end of input or on a hard failure.
+int read_step() {
+  if (record_ready) return 0;
+  if (record_handed_out) {
+    parent_message_clear(incoming);
+    record_handed_out = false;
+  }
+  char c;
+  const ssize_t n = read(in_fd, &c, 1);
+  if (n == 0) return -1;
+  if (n < 0) return (errno == EAGAIN || errno == EINTR) ? 0 : -1;
+
+  if (c == '\n') {
+    if (!line.empty()) {
+      parent_message_parse_line(incoming, line);
+    } else if (parent_message_complete(incoming)) {
+      // An empty line after a record holding only type and id completes
+      // nothing; the lines that follow add to the same record.
+      record_ready = true;
+    }
+    line.clear();
+  } else if (c != '\r') {
+    line += c;  // NUL included; the parser stops at it
+  }
+  return 0;
+}
+
+// One write of everything unwritten. Returns -1 when the descriptor failed;
+// the bytes then stay queued.
+int write_step() {
+  if (output.empty()) return 0;
+  if (written >= output.size()) {
+    reset_output();
+    return 0;
+  }
+  errno = 0;
+  const ssize_t n = write(out_fd, output.data() + written, output.size() - written);
+  if (n > 0) {
+    written += static_cast<std::uint64_t>(n);
+    if (written == output.size()) reset_output();
+    return 0;
+  }
+  if (n == 0) return -1;
+  return (errno == EAGAIN || errno == EINTR) ? 0 : -1;
+}
+
+}  // namespace
+
+int parent_channel_prepare() {
+  // Each check stops at the first failure, leaving later descriptors alone.
+  if (!usable_type(in_fd) || !set_nonblocking(in_fd)) return -1;
+  if (!usable_type(out_fd) || !set_nonblocking(out_fd)) return -1;
+  // Standard error is checked but keeps its flags: diagnostics may block.
+  if (!usable_type(STDERR_FILENO)) return -1;
+  std::setbuf(stderr, nullptr);
+  return 0;
+}
+
+int parent_pump() {
+  if (read_step() < 0) return -1;
+  return write_step();
+}
+
+const parent_message* parent_next() {
+  (void)read_step();  // an ended channel is reported by the next pump
+  if (!record_ready) return nullptr;
+  record_ready = false;
+  record_handed_out = true;
+  return &incoming;
+}
+
+void parent_send(const parent_message& msg) {
+  parent_message_serialise(msg, output);
+  // A failure shows again, with the same bytes, at the next pump.
+  (void)write_step();
+}
+
+bool parent_output_pending() { return !output.empty(); }
+
+void parent_add_read_fds(fd_set* set, int* nfds) {
+  FD_SET(STDIN_FILENO, set);
+  FD_SET(STDOUT_FILENO, set);
+  FD_SET(STDERR_FILENO, set);
+  if (*nfds < 3) *nfds = 3;
+}
+
+void parent_channel_use_fds_for_test(int in, int out) {
+  in_fd = in;
+  out_fd = out;
+  parent_message_clear(incoming);
+  line.clear();
+  record_ready = false;
+  record_handed_out = true;
+  reset_output();
+}

@@ -13,6 +13,8 @@ struct child_process {
   int err_fd = -1;  // our end of the child's standard error
   std::string out_buf;  // read from out_fd, not yet taken
   std::string err_buf;  // read from err_fd, not yet taken
+  bool reaped = false;  // the child has exited and was waited for
+  int wait_status = 0;  // waitpid status once reaped
 
   child_process() = default;
   child_process(const child_process&) = delete;
@@ -30,7 +32,7 @@ struct spawn_options {
 bool spawn(child_process& c, const std::string& path, const std::vector<std::string>& argv,
            const spawn_options& opt = {});
 
-// Writes text to the child's standard input.
+// Writes text to the child's standard input, waiting up to 5 s for room.
 bool send_text(child_process& c, const std::string& text);
 // Closes our end of the child's standard input.
 void close_input(child_process& c);
@@ -41,7 +43,8 @@ void close_input(child_process& c);
 std::string read_record(child_process& c, int timeout_ms);
 
 // Waits up to timeout_ms for a standard-error line containing text; returns
-// the whole line, or "" when none arrived. Lines before it are consumed.
+// the whole line with its "\n", or "" when none arrived. When it is found, it
+// and the lines before it are consumed.
 std::string wait_for_stderr(child_process& c, const std::string& text, int timeout_ms);
 
 // Everything written on standard error so far (waiting up to timeout_ms for
@@ -53,3 +56,7 @@ const std::string& stderr_so_far(child_process& c, int timeout_ms = 0);
 int wait_exit(child_process& c, int timeout_ms);
 
 void send_signal(child_process& c, int sig);
+
+// Waits up to timeout_ms until the child catches sig with a handler of its
+// own (read from /proc); a signal sent after that cannot hit a default action.
+bool wait_signal_caught(child_process& c, int sig, int timeout_ms);
