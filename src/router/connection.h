@@ -1,5 +1,9 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
 #include "frame/clock.h"
 
 // The one TCP connection to the switcher: non-blocking connect retried every
@@ -14,24 +18,34 @@ void connection_connect();
 void connection_poll();
 
 // Closes the socket and resets the link and receive state; clears sync_needed.
-// Does nothing when no socket is open.
+// Does nothing when no socket is open. Keeps the received queue,
+// connect_in_progress and both timers.
 void connection_close();
 
 // Appends frame bytes to the transmit buffer and makes one write of
-// everything unwritten. A broken connection is logged and closed.
+// everything unwritten. A broken connection is logged and closed. Does
+// nothing when no socket is open.
 void connection_queue_and_write(const char* bytes, std::size_t n);
 
 // State queries.
 [[nodiscard]] bool connection_is_open();
 [[nodiscard]] int connection_socket();  // -1 when none is open
+// A connect was started and its outcome is not known yet. Stays set across a
+// close until the next attempt starts.
 [[nodiscard]] bool connection_connect_in_progress();
+// The transmit buffer holds bytes (written or not) it has not released yet.
 [[nodiscard]] bool connection_tx_pending();
 
 // The receive parser's sign of life for the watchdog.
 void connection_mark_activity(us_time_t now);
 
-// Test hooks: the watchdog's and the retry timer's reference times, and a
-// return of the whole link state to its start-up shape (closing any socket).
+// Test hooks: the watchdog's and the retry timer's reference times, an
+// address and port used instead of the configured ones, and a return of the
+// whole link state to its start-up shape (closing any socket, dropping the
+// target override).
 void connection_set_last_activity_for_test(us_time_t t);
+[[nodiscard]] us_time_t connection_last_activity_for_test();
 void connection_set_next_connect_time_for_test(us_time_t t);
+[[nodiscard]] us_time_t connection_next_connect_time_for_test();
+void connection_set_target_for_test(const std::string& address, std::int32_t port);
 void connection_reset_for_test();

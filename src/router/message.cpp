@@ -9,7 +9,8 @@
 namespace {
 
 // A non-empty parameter is copied only if the frame through its end stays
-// within this many bytes, leaving room for two checksum digits, EOT and NUL.
+// within this many bytes, leaving room for a separator, two checksum digits,
+// EOT and NUL.
 constexpr std::size_t max_frame_before_checksum = 1015;
 
 char hex_digit(unsigned v) { return "0123456789ABCDEF"[v & 0xF]; }
@@ -19,6 +20,8 @@ char hex_digit(unsigned v) { return "0123456789ABCDEF"[v & 0xF]; }
 void reset_router_message(router_message& msg) {
   msg.protocol = '\0';
   msg.seq = '0';
+  // Both letters are cleared, so a short received body can never leave a
+  // letter of an earlier message behind.
   msg.request[0] = msg.request[1] = msg.request[2] = '\0';
   msg.parameters.clear();
   msg.ok = msg.ack = msg.nak = msg.err = false;
@@ -36,10 +39,12 @@ router_message make_router_request(const char* request, std::vector<std::string>
 }
 
 bool router_request_is(const router_message& msg, const char* request) {
+  // A request text longer than two letters can never match a command.
   return std::strncmp(msg.request, request, 2) == 0 && std::strlen(request) <= 2;
 }
 
 unsigned char router_checksum(const char* bytes, std::size_t n) {
+  // Added to the covered bytes, the result makes their sum a multiple of 256.
   unsigned sum = 0;
   for (std::size_t i = 0; i < n; ++i) sum += static_cast<unsigned char>(bytes[i]);
   return static_cast<unsigned char>((256 - (sum % 256)) % 256);
@@ -47,8 +52,10 @@ unsigned char router_checksum(const char* bytes, std::size_t n) {
 
 bool encode_router_frame(const router_message& msg, router_frame& frame) {
   char* const b = frame.data();
-  char* const f = b + frame.size();  // one past the buffer's last byte
+  // The buffer's last byte: the terminating NUL must land at or before it.
+  char* const f = b + frame.size() - 1;
   if (msg.ack) {
+    // A bare acknowledgement: nothing else of the record is sent.
     b[0] = ack_byte;
     b[1] = '\0';
     return true;
@@ -69,8 +76,12 @@ bool encode_router_frame(const router_message& msg, router_frame& frame) {
   *w++ = msg.request[0];
   *w++ = msg.request[1];
   for (const std::string& p : msg.parameters) {
-    if (!p.empty() &&
-        static_cast<std::size_t>(w - b) + 1 + p.size() > max_frame_before_checksum) {
+    const std::size_t through_param = static_cast<std::size_t>(w - b) + 1 + p.size();
+    // An empty parameter adds only its TAB. One such TAB past the limit still
+    // fits (the limit leaves room for it); a run of them must not overrun.
+    const std::size_t limit = max_frame_before_checksum + (p.empty() ? 1 : 0);
+    if (through_param > limit) {
+      b[0] = '\0';  // a failed encoding leaves no frame text behind
       return false;
     }
     *w++ = tab;

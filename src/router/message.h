@@ -50,7 +50,8 @@ void reset_router_message(router_message& msg);
 
 // Builds the frame for msg as NUL-terminated text in frame: the ACK byte if
 // ack is set, else a NAK frame if nak is set, else a command frame. Returns
-// false, producing nothing, when the parameters do not fit the frame buffer.
+// false, leaving an empty frame text, when the parameters do not fit the
+// frame buffer.
 [[nodiscard]] bool encode_router_frame(const router_message& msg, router_frame& frame);
 
 // The one-line description used in diagnostic lines, for example

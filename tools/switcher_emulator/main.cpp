@@ -1,1 +1,192 @@
-int main() { return 0; }
+// switcher_emulator: a routing switcher speaking the Native Protocol on TCP,
+// for the demo, the black-box tests and trying the backend without hardware.
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "switcher_emulator/control.h"
+#include "switcher_emulator/server.h"
+
+namespace {
+
+volatile std::sig_atomic_t stop_requested = 0;
+
+void on_signal(int) { stop_requested = 1; }
+
+constexpr const char* usage_text =
+    "usage: switcher_emulator [options]\n"
+    "  --bind ADDR              numeric IPv4 address to listen on (127.0.0.1)\n"
+    "  --port N                 TCP port, 0 for an ephemeral one (12345)\n"
+    "  --outputs N  --inputs N  destinations 0-1024 and sources 1-1024 (16, 16)\n"
+    "  --output-base N  --input-base N   number of the first one (1, 1)\n"
+    "  --output-names FILE  --input-names FILE   one name per line\n"
+    "  --levels NAME:N,...      levels (Video:0,Audio:1)\n"
+    "  --model TEXT  --firmware-type TEXT  --firmware-revision TEXT\n"
+    "  --routes DEST:SOURCE,... initial routes (destination i from source i)\n"
+    "  --rename-after MS        rename the first destination and source MS ms\n"
+    "                           after the first client connected\n"
+    "  --verbose                log every frame and event on stderr\n"
+    "  --no-controls            do not read control lines from stdin\n"
+    "faults (random ones drawn from --seed N, default 1):\n"
+    "  --close-after N  --close-random N  --silent-after N  --ack-only\n"
+    "  --delay MS  --delay-jitter MS  --split-writes  --garbage N\n"
+    "  --corrupt-random N  --refuse-for MS\n";
+
+bool fail(const std::string& what) {
+  std::fprintf(stderr, "switcher_emulator: %s\n", what.c_str());
+  return false;
+}
+
+// Reads a names file: line i names position i; a blank line keeps the
+// generated name.
+bool read_names(const std::string& path, std::vector<std::string>& names) {
+  std::ifstream in(path);
+  if (!in) return fail("cannot read " + path);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    names.push_back(line);
+  }
+  return true;
+}
+
+// Splits "A:B,C:D" into pairs; the part before the last colon of each item
+// is kept as text.
+bool split_pairs(const std::string& list, std::vector<std::pair<std::string, std::string>>& out) {
+  std::size_t start = 0;
+  while (start <= list.size()) {
+    std::size_t end = list.find(',', start);
+    if (end == std::string::npos) end = list.size();
+    const std::string item = list.substr(start, end - start);
+    const std::size_t colon = item.rfind(':');
+    if (colon == std::string::npos) return false;
+    out.emplace_back(item.substr(0, colon), item.substr(colon + 1));
+    start = end + 1;
+  }
+  return true;
+}
+
+bool parse_levels(const std::string& list, emulator_config& cfg) {
+  std::vector<std::pair<std::string, std::string>> items;
+  if (!split_pairs(list, items)) return fail("--levels wants NAME:NUMBER,...");
+  cfg.levels.clear();
+  for (const auto& [name, number] : items) {
+    std::uint64_t n = 0;
+    if (!parse_decimal(number, 31, n)) return fail("level number must be 0 to 31");
+    cfg.levels.push_back({name, static_cast<std::uint32_t>(n)});
+  }
+  return true;
+}
+
+bool parse_routes(const std::string& list, emulator_config& cfg) {
+  std::vector<std::pair<std::string, std::string>> items;
+  if (!split_pairs(list, items)) return fail("--routes wants DEST:SOURCE,...");
+  for (const auto& [dest, src] : items) {
+    std::uint64_t d = 0;
+    std::uint64_t s = 0;
+    if (!parse_decimal(dest, UINT32_MAX, d) || !parse_decimal(src, UINT32_MAX, s)) {
+      return fail("--routes wants decimal numbers");
+    }
+    cfg.routes.emplace_back(static_cast<std::uint32_t>(d), static_cast<std::uint32_t>(s));
+  }
+  return true;
+}
+
+// One option with a value; false on an unknown option or a bad value.
+bool apply_option(const std::string& opt, const std::string& v, emulator_server& s) {
+  emulator_config& c = s.cfg;
+  server_options& o = s.opt;
+  emulator_faults& f = o.faults;
+  struct number_option {
+    const char* name;
+    std::uint64_t max;
+    std::uint32_t* target;
+  };
+  const number_option numbers[] = {
+      {"--port", 65535, &o.port},
+      {"--outputs", 1024, &c.outputs},
+      {"--inputs", 1024, &c.inputs},
+      {"--output-base", 65535, &c.output_base},
+      {"--input-base", 65535, &c.input_base},
+      {"--close-after", UINT32_MAX, &f.close_after},
+      {"--close-random", UINT32_MAX, &f.close_random},
+      {"--delay", 600000, &f.delay_ms},
+      {"--delay-jitter", 600000, &f.delay_jitter_ms},
+      {"--garbage", 4096, &f.garbage},
+      {"--corrupt-random", UINT32_MAX, &f.corrupt_random},
+      {"--refuse-for", 3600000, &f.refuse_ms},
+  };
+  std::uint64_t n = 0;
+  for (const number_option& no : numbers) {
+    if (opt != no.name) continue;
+    if (!parse_decimal(v, no.max, n)) {
+      return fail(opt + " wants a number up to " + std::to_string(no.max));
+    }
+    *no.target = static_cast<std::uint32_t>(n);
+    return true;
+  }
+  if (opt == "--seed" || opt == "--silent-after" || opt == "--rename-after") {
+    if (!parse_decimal(v, INT64_MAX, n)) return fail(opt + " wants a number");
+    if (opt == "--seed") f.seed = n;
+    if (opt == "--silent-after") f.silent_after = static_cast<std::int64_t>(n);
+    if (opt == "--rename-after") o.rename_after_ms = static_cast<std::int64_t>(n);
+    return true;
+  }
+  if (opt == "--bind") o.bind_address = v;
+  else if (opt == "--model") c.model = v;
+  else if (opt == "--firmware-type") c.firmware_type = v;
+  else if (opt == "--firmware-revision") c.firmware_revision = v;
+  else if (opt == "--output-names") return read_names(v, c.output_names);
+  else if (opt == "--input-names") return read_names(v, c.input_names);
+  else if (opt == "--levels") return parse_levels(v, c);
+  else if (opt == "--routes") return parse_routes(v, c);
+  else return fail("unknown option " + opt);
+  return true;
+}
+
+bool parse_options(int argc, char** argv, emulator_server& s) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string opt = argv[i];
+    if (opt == "-h" || opt == "--help") {
+      std::fputs(usage_text, stderr);
+      return false;
+    }
+    if (opt == "--verbose") s.opt.verbose = true;
+    else if (opt == "--no-controls") s.opt.control_stdin = false;
+    else if (opt == "--ack-only") s.opt.faults.ack_only = true;
+    else if (opt == "--split-writes") s.opt.faults.split_writes = true;
+    else if (i + 1 >= argc) return fail(opt + " wants a value (see --help)");
+    else if (!apply_option(opt, argv[++i], s)) return false;
+  }
+  for (const std::string* text : {&s.cfg.model, &s.cfg.firmware_type, &s.cfg.firmware_revision}) {
+    if (!emulator_valid_name(*text)) return fail("identity texts must be 1-64 printable bytes");
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  emulator_server s;
+  // Controls come from descriptor 0 when it is open; checked before any
+  // socket could take that number.
+  s.opt.control_stdin = fcntl(0, F_GETFD) != -1;
+  if (!parse_options(argc, argv, s)) return 1;
+  if (!server_open(s)) return 1;
+  std::signal(SIGINT, on_signal);
+  std::signal(SIGTERM, on_signal);
+  std::signal(SIGHUP, on_signal);
+  std::signal(SIGPIPE, SIG_IGN);
+  // Scripts and tests find the port as the last number of this first line.
+  std::printf("switcher_emulator listening on %s port %u\n", s.opt.bind_address.c_str(),
+              static_cast<unsigned>(s.port));
+  std::fflush(stdout);
+  while (stop_requested == 0 && !s.quit) server_step(s, 250);
+  server_close(s);
+  return 0;
+}

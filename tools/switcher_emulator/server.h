@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <string>
+
+#include "frame/clock.h"
+#include "switcher_emulator/emulator.h"
+#include "switcher_emulator/splitter.h"
+
+// The emulator on the network: one listening socket, one client at a time,
+// a select-based step, stdin controls and deterministic fault injection.
+
+// Faults, each off by default; every random choice comes from seed.
+struct emulator_faults {
+  std::uint64_t seed = 1;
+  std::uint32_t close_after = 0;     // close on the Nth frame of a connection; 0: never
+  std::uint32_t close_random = 0;    // close on a frame with a 1-in-N chance; 0: never
+  std::int64_t silent_after = -1;    // ignore frames after the Nth of a connection; -1: never
+  bool ack_only = false;             // answer every frame with a bare ACK, do nothing
+  std::uint32_t delay_ms = 0;        // hold every answer back this long
+  std::uint32_t delay_jitter_ms = 0; // plus 0 to this many ms more
+  bool split_writes = false;         // one byte per write
+  std::uint32_t garbage = 0;         // 1 to N stray bytes before every frame; 0: none
+  std::uint32_t corrupt_random = 0;  // wrong checksum with a 1-in-N chance; 0: never
+  std::uint32_t refuse_ms = 0;       // reset every connection this long after opening
+};
+
+struct server_options {
+  std::string bind_address = "127.0.0.1";  // numeric IPv4 only
+  std::uint32_t port = 12345;              // 0: an ephemeral port
+  std::int64_t rename_after_ms = -1;       // after the first client; -1: never
+  bool verbose = false;                    // one stderr line per frame and event
+  bool control_stdin = false;              // read control lines from descriptor 0
+  emulator_faults faults;
+};
+
+// Bytes waiting for the client; written from sent onwards once due.
+struct server_chunk {
+  us_time_t due = 0;
+  std::string bytes;
+  std::size_t sent = 0;
+};
+
+struct emulator_server {
+  server_options opt;
+  emulator_config cfg;
+  emulator_state sw;
+  int listen_fd = -1;
+  int client_fd = -1;
+  std::uint16_t port = 0;       // the port actually listened on
+  frame_splitter rx;
+  std::deque<server_chunk> tx;  // in due order
+  std::size_t tx_bytes = 0;     // unsent bytes in tx
+  std::uint64_t rng = 0;
+  std::uint64_t frames_in = 0;  // good frames received on this connection
+  us_time_t refuse_until = 0;
+  us_time_t rename_at = 0;      // 0: not armed
+  bool renamed = false;
+  bool stdin_open = false;
+  std::string stdin_line;       // control text up to the next newline
+  bool quit = false;            // set by the "quit" control
+};
+
+// Sets up the switcher from s.cfg and listens as s.opt says; s.port is then
+// the port listened on. False, with a line on stderr, on any failure.
+[[nodiscard]] bool server_open(emulator_server& s);
+
+// One pass: waits at most max_wait_ms for the client, new connections and
+// stdin, and handles what arrived and what fell due.
+void server_step(emulator_server& s, int max_wait_ms);
+
+// Closes the client and the listening socket.
+void server_close(emulator_server& s);
+
+// The verbose line for a frame: direction ("recv", "send"), the letters and
+// the parameters, single blanks; "ACK" or "NAK <code>" for those frames.
+[[nodiscard]] std::string server_frame_line(const char* direction, const router_message& m);
