@@ -133,17 +133,6 @@ TEST_F(DispatcherTest, RouteRequestFields) {
   }
 }
 
-TEST_F(DispatcherTest, DiscardAndFlushWithoutLink) {
-  const std::string head = "*COMMAND=route output\n*TYPE=command\n*ID=1\n";
-  static_cast<void>(exchange(head + "from input=1\nqueue=add\nto output=2\n\n"));
-  static_cast<void>(exchange(head + "queue=discard\n\n"));
-  EXPECT_TRUE(queued_route_changes().empty());
-  static_cast<void>(exchange(head + "from input=1\nqueue=add\nto output=2\n\n"));
-  EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=1\n\n", exchange(head + "queue=flush\n\n"));
-  EXPECT_TRUE(queued_route_changes().empty());
-  EXPECT_FALSE(send_queue_empty());  // waits for the link
-}
-
 // A second request arrives while the first waits on the switcher: it is
 // answered inside the wait, and the first reply keeps its own id and command.
 TEST_F(DispatcherTest, NestedRequestDuringSwitcherWait) {

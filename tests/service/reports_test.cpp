@@ -95,21 +95,4 @@ TEST_F(ReportsTest, RoutingReportKeepsTheLatestChangePerOutput) {
   EXPECT_EQ("*COMMAND=outputs\n*TYPE=message\n\n", written());
 }
 
-TEST_F(ReportsTest, InfoReport) {
-  set_counts("300", "");
-  set_device_model("Router 9");
-  set_firmware_version("2.1");
-  send_info_report();
-  const std::string text = written();
-  const std::size_t credit = text.find("copyright=");
-  ASSERT_NE(std::string::npos, credit);
-  const std::size_t credit_end = text.find('\n', credit);
-  EXPECT_GT(credit_end, credit + 10);  // a credit text is there
-  EXPECT_EQ(
-      "*COMMAND=info\n*TYPE=message\ncompany=Grass Valley\n"
-      "firmware version=2.1\ninputs=256\nmodel=Router 9\noutput routing controls=all\n"
-      "outputs=0\nproduct=Grass Valley Native Protocol switcher or compatible\n\n",
-      text.substr(0, credit) + text.substr(credit_end + 1));
-}
-
 }  // namespace

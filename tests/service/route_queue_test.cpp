@@ -126,7 +126,7 @@ TEST_F(RouteQueueTest, PacingCountsFromTheBatchStart) {
 }
 
 TEST_F(RouteQueueTest, TooSoonThenDelayedSend) {
-  set_flush_allow_for_test(monotonic_now_us() + 500'000);
+  set_flush_allow_for_test(monotonic_now_us() + 900'000);
   testing::internal::CaptureStderr();
   EXPECT_EQ(params{}, flush({{9, 4}}));
   EXPECT_EQ("<DBG>Route changes too soon, will flush later\n",
