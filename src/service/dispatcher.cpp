@@ -1,4 +1,146 @@
 #include "service/dispatcher.h"
 
-void handle_parent_message(const parent_message&) {}
-void poll_parent_message() {}
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "frame/clock.h"
+#include "frame/config.h"
+#include "frame/flags.h"
+#include "model/route_change.h"
+#include "model/tables.h"
+#include "parent/channel.h"
+#include "router/connection.h"
+#include "router/exchange.h"
+#include "router/message.h"
+#include "service/route_queue.h"
+
+// Every handler below copies what it needs from the request before it calls
+// anything that may pump the parent channel: a nested pump clears the record
+// the request refers to.
+
+namespace {
+
+// The whole output status loop runs under one deadline this far ahead.
+constexpr us_time_t output_status_timeout_us = 5'000'000;
+
+parent_message make_reply(const std::string& command, const std::string& id) {
+  parent_message reply;
+  reply.command = command;
+  reply.type = "reply";
+  reply.id = id;
+  return reply;
+}
+
+void send_error_reply(const parent_message& request, const std::string& error) {
+  parent_message reply = make_reply(request.command, request.id);
+  reply.error = error;
+  parent_send(reply);
+}
+
+// A zero-based position from the parent: the decimal number at the start of
+// text, cut to 32 bits; -1 when text does not start with a digit or the
+// number is not below limit. A number that wraps negative stays negative.
+std::int32_t parse_position(const std::string& text, std::uint64_t limit) {
+  if (text.empty() || text[0] < '0' || text[0] > '9') return -1;
+  const auto n = static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10));
+  if (static_cast<std::int64_t>(n) >= static_cast<std::int64_t>(limit)) return -1;
+  return n;
+}
+
+// "set": the configuration applies the key; never answered.
+void apply_setting(const parent_message& request) {
+  apply_config_key(parent_field(request, "name"), parent_field(request, "value"));
+}
+
+void handle_route_request(const parent_message& request) {
+  const std::string queue = parent_field(request, "queue");
+  const std::string& control = parent_field(request, "control");
+  const std::int32_t input = parse_position(parent_field(request, "from input"), active_inputs());
+  const std::int32_t output =
+      parse_position(parent_field(request, "to output"), active_outputs());
+  const parent_message reply = make_reply(request.command, request.id);
+
+  if (output >= 0 && static_cast<std::uint64_t>(output) < active_outputs() && queue == "add") {
+    // Only the control "all" (or none named) carries an input.
+    route_change change;
+    change.output = output;
+    change.input = (control.empty() || control == "all") ? input : -1;
+    add_route_change(change);
+  }
+  // From here on the request may be gone: the flush serves the parent while
+  // it waits on the switcher.
+  if (queue == "flush") {
+    flush_route_changes();
+  } else if (queue == "discard") {
+    discard_route_changes();
+  }
+  parent_send(reply);
+}
+
+// Asks the switcher for the source of every active output, p counted from 1,
+// serving the parent between the queries.
+void run_output_status_loop() {
+  const us_time_t deadline = monotonic_now_us() + output_status_timeout_us;
+  // The count is read again on every pass: a nested "set" may change it.
+  for (std::uint64_t p = 1; p - 1 < active_outputs(); ++p) {
+    poll_parent_message();
+    connection_poll();
+    char number[24];
+    std::snprintf(number, sizeof number, "%llX", static_cast<unsigned long long>(p));
+    char zero[4];
+    std::snprintf(zero, sizeof zero, "%X", 0u);
+    router_message msg = make_router_request("QI", {number, zero});
+    std::vector<router_message> response;
+    // A failed exchange closes the link; the remaining queries then fail at
+    // once, and whatever did arrive is still taken.
+    static_cast<void>(do_timeout_send_and_recv(msg, response, deadline));
+    update_route_status(response);
+  }
+}
+
+void handle_report_request(const parent_message& request) {
+  const std::string& what = parent_field(request, "what");
+  if (what == "inputs") {
+    parent_send(make_reply("", request.id));
+  } else if (what == "outputs") {
+    const parent_message reply = make_reply("", request.id);
+    if (connection_is_open() && !connection_connect_in_progress() &&
+        !flag_is_set(process_flag::sync_needed)) {
+      run_output_status_loop();
+    }
+    parent_send(reply);
+  } else {
+    parent_message reply = make_reply("report", request.id);
+    reply.error = "I do not recognize what you are asking for";
+    parent_send(reply);
+  }
+}
+
+}  // namespace
+
+void handle_parent_message(const parent_message& request) {
+  if (request.type == "message") {
+    if (request.command == "set") {
+      apply_setting(request);
+    } else {
+      send_error_reply(request, "Message " + request.command + " ignored");
+    }
+  } else if (request.type == "command") {
+    if (request.command == "route output") {
+      handle_route_request(request);
+    } else if (request.command == "report") {
+      handle_report_request(request);
+    } else {
+      send_error_reply(request, "Unknown command " + request.command);
+    }
+  }
+  // Any other type, empty included, is dropped without a reply.
+}
+
+void poll_parent_message() {
+  static_cast<void>(parent_pump());
+  if (const parent_message* request = parent_next()) handle_parent_message(*request);
+}

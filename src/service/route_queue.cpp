@@ -1,13 +1,152 @@
 #include "service/route_queue.h"
 
-void add_route_change(const route_change&) {}
-void discard_route_changes() {}
-void flush_route_changes() {}
-void send_route_changes() {}
-void delayed_flush_step() {}
-bool send_queue_empty() { return true; }
-us_time_t flush_allow() { return 0; }
-us_time_t queue_timeout() { return 0; }
-void set_flush_allow_for_test(us_time_t) {}
-void set_queue_timeout_for_test(us_time_t) {}
-void reset_route_queues() {}
+#include <cstdio>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "frame/config.h"
+#include "frame/diag.h"
+#include "frame/flags.h"
+#include "model/tables.h"
+#include "router/connection.h"
+#include "router/exchange.h"
+#include "router/message.h"
+
+namespace {
+
+// Changes the parent added and has not flushed yet.
+std::deque<route_change> queued;
+// Flushed changes not yet taken by a batch.
+std::deque<route_change> send_queue;
+// No batch starts while the clock reads earlier than this; 0: none scheduled.
+us_time_t flush_allow_at = 0;
+// When reached, everything still waiting is dropped; 0: not armed. It is also
+// the deadline of every exchange of the batch running.
+us_time_t queue_timeout_at = 0;
+
+constexpr us_time_t pacing_step_us = 66'000;
+constexpr us_time_t pacing_cap_us = 750'000;
+constexpr us_time_t queue_timeout_us = 5'000'000;
+// Timers this far ahead cannot have been set by a batch: they are cleared.
+constexpr us_time_t queue_timeout_sanity_us = 10'000'000;
+constexpr us_time_t flush_allow_sanity_us = 1'000'000;
+
+// A switcher number in the form the switcher reads: upper-case hexadecimal.
+std::string hex_param(std::uint32_t n) {
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "%X", n);
+  return buf;
+}
+
+bool link_ready_for_batch() {
+  return connection_is_open() && !connection_connect_in_progress() &&
+         !flag_is_set(process_flag::sync_needed);
+}
+
+// Empties the send queue into one slot per active output, a later change for
+// an output replacing an earlier one; changes for other outputs are dropped.
+std::vector<route_change> take_slots(std::size_t slot_count) {
+  std::vector<route_change> slots(slot_count);
+  while (!send_queue.empty()) {
+    const route_change c = send_queue.front();
+    send_queue.pop_front();
+    if (c.output >= 0 && static_cast<std::size_t>(c.output) < slot_count) slots[c.output] = c;
+  }
+  return slots;
+}
+
+// One "TI" exchange: the positions plus the switcher's bases, added as
+// unsigned 32-bit numbers, so input -1 becomes one below the input base.
+void send_take_input(const route_change& c) {
+  const std::uint32_t dest = static_cast<std::uint32_t>(c.output) +
+                             static_cast<std::uint32_t>(output_base());
+  const std::uint32_t src = static_cast<std::uint32_t>(c.input) +
+                            static_cast<std::uint32_t>(input_base());
+  router_message msg = make_router_request("TI", {hex_param(dest), hex_param(src)});
+  std::vector<router_message> response;
+  // Failures are logged and the connection closed by the exchange; the batch
+  // goes on regardless, the switcher's answer changes nothing here.
+  static_cast<void>(do_timeout_send_and_recv(msg, response, queue_timeout_at));
+}
+
+}  // namespace
+
+void add_route_change(const route_change& change) { queued.push_back(change); }
+
+void discard_route_changes() { queued.clear(); }
+
+void flush_route_changes() {
+  while (!queued.empty()) {
+    send_queue.push_back(queued.front());
+    queued.pop_front();
+  }
+  send_route_changes();
+}
+
+void send_route_changes() {
+  const std::uint64_t slot_count = active_outputs();
+  if (!link_ready_for_batch() || slot_count == 0 || send_queue.empty()) return;
+
+  const us_time_t start = monotonic_now_us();
+  if (flush_allow_at > start) {
+    diag("<DBG>Route changes too soon, will flush later\n");
+    return;
+  }
+  flush_allow_at = start;
+
+  // The slot table is this batch's own: exchanges below serve the parent, and
+  // a nested flush fills the send queue afresh and may run a batch of its own.
+  const std::vector<route_change> slots = take_slots(static_cast<std::size_t>(slot_count));
+  queue_timeout_at = monotonic_now_us() + queue_timeout_us;
+
+  for (const route_change& c : slots) {
+    if (c.output < 0 || static_cast<std::size_t>(c.output) >= slots.size() || c.input < -1) {
+      continue;
+    }
+    send_take_input(c);
+    flush_allow_at += pacing_step_us;
+  }
+  // The pacing counts from the batch's start, and never holds longer than
+  // the cap even for a large batch.
+  if (start + pacing_cap_us < flush_allow_at) flush_allow_at = start + pacing_cap_us;
+}
+
+void delayed_flush_step() {
+  const us_time_t now = monotonic_now_us();
+  if (queue_timeout_at >= now + queue_timeout_sanity_us) {
+    diag("<WARN>Queue timeout too far into the future\n");
+    queue_timeout_at = 0;
+  }
+  if (flush_allow_at >= now + flush_allow_sanity_us) {
+    diag("<WARN>Flush allow too far into the future\n");
+    flush_allow_at = 0;
+  }
+  if (queue_timeout_at != 0 && now >= queue_timeout_at) {
+    // Five seconds after a batch started, nothing still waiting is current.
+    queued.clear();
+    send_queue.clear();
+    queue_timeout_at = 0;
+    return;
+  }
+  if (!send_queue.empty() && flush_allow_at != 0 && flush_allow_at <= now) {
+    diag("<DBG>Now sending delayed route changes\n");
+    send_route_changes();
+  }
+}
+
+bool send_queue_empty() { return send_queue.empty(); }
+us_time_t flush_allow() { return flush_allow_at; }
+us_time_t queue_timeout() { return queue_timeout_at; }
+
+const std::deque<route_change>& queued_route_changes() { return queued; }
+
+void set_flush_allow_for_test(us_time_t t) { flush_allow_at = t; }
+void set_queue_timeout_for_test(us_time_t t) { queue_timeout_at = t; }
+
+void reset_route_queues() {
+  queued.clear();
+  send_queue.clear();
+  flush_allow_at = 0;
+  queue_timeout_at = 0;
+}

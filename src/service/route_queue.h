@@ -1,5 +1,7 @@
 #pragma once
 
+#include <deque>
+
 #include "frame/clock.h"
 #include "model/route_change.h"
 
@@ -20,6 +22,8 @@ void send_route_changes();
 void delayed_flush_step();
 
 [[nodiscard]] bool send_queue_empty();
+// Changes added and not yet flushed or discarded, oldest first.
+[[nodiscard]] const std::deque<route_change>& queued_route_changes();
 [[nodiscard]] us_time_t flush_allow();
 [[nodiscard]] us_time_t queue_timeout();
 
