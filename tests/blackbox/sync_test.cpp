@@ -66,26 +66,36 @@ TEST_F(SystemTest, RenamesInSwitcherReachParent) {
 }
 
 TEST_F(SystemTest, ParentServedDuringSynchronisationAndStatusRequest) {
-  // Slow answers keep the backend inside its exchanges for most of the time.
-  StartEmulator({"--outputs", "2", "--inputs", "2", "--delay", "500"});
+  // Answers come 50 ms late (still inside the handshake's 100 ms resend), so
+  // the backend spends its time waiting inside exchanges. Each request is
+  // sent whole but for its final empty line, which then completes it while
+  // an exchange waits.
+  StartEmulator({"--outputs", "12", "--inputs", "2", "--delay", "50"});
   StartBackend();
+  Send("*COMMAND=report\n*TYPE=command\n*ID=5\nwhat=inputs\n");
   ASSERT_NE("", wait_for_stderr(emu_, "recv BK N", wait_ms));
-  Send("*COMMAND=report\n*TYPE=command\n*ID=5\nwhat=inputs\n\n");
-  // Answered before the synchronisation ends with its routing report.
+  Send("\n");
   std::string record;
   while ((record = read_record(backend_, wait_ms)).find("*ID=5") == std::string::npos) {
     ASSERT_NE("", record);
-    ASSERT_EQ(std::string::npos, record.find("input.all")) << record;
+    ASSERT_EQ(std::string::npos, record.find("input.all")) << "reply after the sync ended";
   }
   EXPECT_EQ("*TYPE=reply\n*ID=5\n", record);
-  ASSERT_NE("", WaitRecord("o1.input.all"));
+  ASSERT_NE("", WaitRecord("o11.input.all"));
 
-  // A status request is under way once "BK" "F" arrives; the route status
-  // loop of the report then runs inside it, before its "QD".
+  // The route status loop of a report for "outputs" runs inside the status
+  // request: its queries reach the switcher before the request's "QD".
+  Send("*COMMAND=report\n*TYPE=command\n*ID=6\nwhat=outputs\n");
+  // Two status requests later the main loop has read those lines in the
+  // pauses between requests; then wait for a request that starts afresh.
+  ASSERT_NE("", wait_for_stderr(emu_, "recv QD", wait_ms));
+  ASSERT_NE("", wait_for_stderr(emu_, "recv QD", wait_ms));
+  (void)stderr_so_far(emu_);
+  emu_.err_buf.clear();
   ASSERT_NE("", wait_for_stderr(emu_, "recv BK F", wait_ms));
-  Send("*COMMAND=report\n*TYPE=command\n*ID=6\nwhat=outputs\n\n");
-  const std::vector<std::string> seen = ReceivedUntil("QI 2 0");
-  ASSERT_EQ("QI 2 0", seen.back());
+  Send("\n");
+  const std::vector<std::string> seen = ReceivedUntil("QI C 0");
+  ASSERT_EQ("QI C 0", seen.back());
   EXPECT_EQ(seen.end(), std::find(seen.begin(), seen.end(), "QD")) << testing::PrintToString(seen);
   EXPECT_EQ("*TYPE=reply\n*ID=6\n", WaitRecord("*ID=6"));
 }
