@@ -1,7 +1,6 @@
 #include "service/dispatcher.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "parent/channel.h"
 #include "router/connection.h"
 #include "router/exchange.h"
+#include "router/hex.h"
 #include "router/message.h"
 #include "service/route_queue.h"
 
@@ -88,11 +88,7 @@ void run_output_status_loop() {
   for (std::uint64_t p = 1; p - 1 < active_outputs(); ++p) {
     poll_parent_message();
     connection_poll();
-    char number[24];
-    std::snprintf(number, sizeof number, "%llX", static_cast<unsigned long long>(p));
-    char zero[4];
-    std::snprintf(zero, sizeof zero, "%X", 0u);
-    router_message msg = make_router_request("QI", {number, zero});
+    router_message msg = make_router_request("QI", {hex_parameter(p), hex_parameter(0)});
     std::vector<router_message> response;
     // A failed exchange closes the link; the remaining queries then fail at
     // once, and whatever did arrive is still taken.

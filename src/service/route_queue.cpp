@@ -1,6 +1,5 @@
 #include "service/route_queue.h"
 
-#include <cstdio>
 #include <deque>
 #include <string>
 #include <vector>
@@ -11,6 +10,7 @@
 #include "model/tables.h"
 #include "router/connection.h"
 #include "router/exchange.h"
+#include "router/hex.h"
 #include "router/message.h"
 
 namespace {
@@ -31,13 +31,6 @@ constexpr us_time_t queue_timeout_us = 5'000'000;
 // Timers this far ahead cannot have been set by a batch: they are cleared.
 constexpr us_time_t queue_timeout_sanity_us = 10'000'000;
 constexpr us_time_t flush_allow_sanity_us = 1'000'000;
-
-// A switcher number in the form the switcher reads: upper-case hexadecimal.
-std::string hex_param(std::uint32_t n) {
-  char buf[16];
-  std::snprintf(buf, sizeof buf, "%X", n);
-  return buf;
-}
 
 bool link_ready_for_batch() {
   return connection_is_open() && !connection_connect_in_progress() &&
@@ -63,7 +56,7 @@ void send_take_input(const route_change& c) {
                              static_cast<std::uint32_t>(output_base());
   const std::uint32_t src = static_cast<std::uint32_t>(c.input) +
                             static_cast<std::uint32_t>(input_base());
-  router_message msg = make_router_request("TI", {hex_param(dest), hex_param(src)});
+  router_message msg = make_router_request("TI", {hex_parameter(dest), hex_parameter(src)});
   std::vector<router_message> response;
   // Failures are logged and the connection closed by the exchange; the batch
   // goes on regardless, the switcher's answer changes nothing here.
