@@ -15,15 +15,13 @@ class RecoveryTest : public SystemTest {
     Send("*COMMAND=report\n*TYPE=command\n*ID=" + id + "\nwhat=inputs\n\n");
     EXPECT_EQ("*TYPE=reply\n*ID=" + id + "\n", WaitRecord("*ID=" + id));
   }
-
   // Waits for the emulator's next client; returns when it connected.
   steady::time_point NextClient() {
     EXPECT_NE("", wait_for_stderr(emu_, "client connected", wait_ms));
     return steady::now();
   }
-
-  static double SecondsBetween(steady::time_point a, steady::time_point b) {
-    return std::chrono::duration<double>(b - a).count();
+  static double SecondsSince(steady::time_point t) {
+    return std::chrono::duration<double>(steady::now() - t).count();
   }
 };
 
@@ -35,8 +33,8 @@ TEST_F(RecoveryTest, DroppedConnectionIsRebuiltAndResynchronised) {
   const steady::time_point first = NextClient();
   EXPECT_NE("", wait_for_stderr(backend_, "<NOTE>Connection suddenly dropped", wait_ms));
   ExpectParentServed("1");
-  const steady::time_point second = NextClient();
-  EXPECT_GT(SecondsBetween(first, second), 4.0);
+  NextClient();
+  EXPECT_GT(SecondsSince(first), 4.0);
   EXPECT_NE("", wait_for_stderr(emu_, "recv BK N", wait_ms));
   EXPECT_NE("", WaitRecord("o2.input.all"));
 }
@@ -46,9 +44,8 @@ TEST_F(RecoveryTest, SilentSwitcherTimesOutAfterThreeSeconds) {
   StartBackend();
   ASSERT_NE("", wait_for_stderr(emu_, "recv BK I 15", wait_ms));
   const steady::time_point sent = steady::now();
-  EXPECT_EQ("<ERR>Timeout receiving message\n",
-            wait_for_stderr(backend_, "<ERR>", wait_ms));
-  EXPECT_GT(SecondsBetween(sent, steady::now()), 2.5);
+  EXPECT_EQ("<ERR>Timeout receiving message\n", wait_for_stderr(backend_, "<ERR>", wait_ms));
+  EXPECT_GT(SecondsSince(sent), 2.5);
   EXPECT_EQ("<NOTE>Connection to router closed\n", wait_for_stderr(backend_, "<NOTE>", wait_ms));
   ExpectParentServed("2");
   NextClient();
@@ -57,10 +54,9 @@ TEST_F(RecoveryTest, SilentSwitcherTimesOutAfterThreeSeconds) {
 TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
   StartEmulator({"--ack-only"});
   StartBackend();
-  NextClient();
-  const steady::time_point start = steady::now();
+  const steady::time_point start = NextClient();
   EXPECT_EQ("<ERR>Timeout sending message\n", wait_for_stderr(backend_, "<ERR>", wait_ms));
-  EXPECT_GT(SecondsBetween(start, steady::now()), 4.0);
+  EXPECT_GT(SecondsSince(start), 4.0);
   // Resent every 100 ms: about fifty handshakes in the five seconds.
   const std::string& log = stderr_so_far(emu_, 300);
   int handshakes = 0;
@@ -79,7 +75,7 @@ TEST_F(RecoveryTest, RefusedConnectionsAreRetriedEveryFiveSeconds) {
   const steady::time_point refused = steady::now();
   ExpectParentServed("3");
   NextClient();
-  EXPECT_GT(SecondsBetween(refused, steady::now()), 4.0);
+  EXPECT_GT(SecondsSince(refused), 4.0);
   EXPECT_NE("", WaitRecord("o1.input.all"));
 }
 

@@ -1,11 +1,10 @@
 #pragma once
 
-// The real backend against the real switcher emulator, both as children with
-// pipes: the test plays the parent on the backend's standard input and output
-// and reads the emulator's verbose frame log.
+// The real backend, and for the system scenarios the real switcher emulator,
+// both as children with pipes: the test plays the parent on the backend's
+// standard input and output and reads the emulator's verbose frame log.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,16 +25,18 @@ class SystemTest : public testing::Test {
     ASSERT_FALSE(port_.empty()) << first;
   }
 
-  // Starts the backend on a configuration naming the emulator.
-  void StartBackend(const std::string& extra_config = "") {
-    const std::string cfg =
-        dir_.write("r.cfg", "ip address = 127.0.0.1\nport = " + port_ + "\n" + extra_config);
-    ASSERT_TRUE(spawn(backend_, DAEMON_PATH, {"zeph_route_grass_valley", "--file", cfg}));
+  // Starts the backend on config, which names the emulator once one runs;
+  // words go on the command line before "--file".
+  void StartBackend(std::string config = "", std::vector<std::string> words = {}) {
+    if (!port_.empty()) config += "ip address = 127.0.0.1\nport = " + port_ + "\n";
+    words.insert(words.begin(), "zeph_route_grass_valley");
+    words.insert(words.end(), {"--file", dir_.write("r.cfg", config)});
+    ASSERT_TRUE(spawn(backend_, DAEMON_PATH, words));
   }
 
   // Reads records until one holds needle; returns it, or "" at the deadline.
-  std::string WaitRecord(const std::string& needle, int ms = wait_ms) {
-    for (std::string r; !(r = read_record(backend_, ms)).empty();) {
+  std::string WaitRecord(const std::string& needle) {
+    for (std::string r; !(r = read_record(backend_, wait_ms)).empty();) {
       if (r.find(needle) != std::string::npos) return r;
     }
     return {};
@@ -45,14 +46,20 @@ class SystemTest : public testing::Test {
   std::vector<std::string> ReceivedUntil(const std::string& last) {
     std::vector<std::string> seen;
     for (std::string line; !(line = wait_for_stderr(emu_, "recv ", wait_ms)).empty();) {
-      line.pop_back();
-      seen.push_back(line.substr(line.find("recv ") + 5));
+      seen.push_back(line.substr(line.find("recv ") + 5, line.size() - line.find("recv ") - 6));
       if (seen.back() == last) break;
     }
     return seen;
   }
 
   void Send(const std::string& record) { ASSERT_TRUE(send_text(backend_, record)); }
+
+  // The credit text is the only report text not fixed by the protocol.
+  static std::string WithoutCopyright(std::string record) {
+    const std::size_t at = record.find("copyright=");
+    if (at != std::string::npos) record.erase(at, record.find('\n', at) + 1 - at);
+    return record;
+  }
 
   temp_dir dir_;
   child_process emu_;

@@ -1,20 +1,18 @@
 #pragma once
 
-#include <string>
 #include <sys/types.h>
+
+#include <string>
 #include <vector>
 
-// The real binary as a child process with pipes on its descriptors 0, 1 and 2.
-// The destructor always kills and reaps the child.
+// A program run as a child with pipes on its descriptors 0, 1 and 2. The
+// destructor always kills and reaps it.
 struct child_process {
   pid_t pid = -1;
-  int in_fd = -1;   // our end of the child's standard input
-  int out_fd = -1;  // our end of the child's standard output
-  int err_fd = -1;  // our end of the child's standard error
-  std::string out_buf;  // read from out_fd, not yet taken
-  std::string err_buf;  // read from err_fd, not yet taken
-  bool reaped = false;  // the child has exited and was waited for
-  int wait_status = 0;  // waitpid status once reaped
+  int in_fd = -1, out_fd = -1, err_fd = -1;  // our ends of its stdin, stdout and stderr
+  std::string out_buf, err_buf;              // read from out_fd / err_fd, not yet taken
+  bool reaped = false;                       // exited and waited for; wait_status is valid
+  int wait_status = 0;
 
   child_process() = default;
   child_process(const child_process&) = delete;
@@ -22,45 +20,29 @@ struct child_process {
   ~child_process();
 };
 
-// Options for starting a child. An empty stdout_path means a pipe; otherwise
-// the child's standard output is that file (to test descriptor checks).
-struct spawn_options {
-  std::string stdout_path;
-};
-
-// Starts path with argv (argv[0] included). False when it could not start.
+// Starts path with argv (argv[0] included). A non-empty stdout_path makes the
+// child's stdout that regular file instead of a pipe. False when it failed.
 bool spawn(child_process& c, const std::string& path, const std::vector<std::string>& argv,
-           const spawn_options& opt = {});
+           const std::string& stdout_path = "");
 
-// Writes text to the child's standard input, waiting up to 5 s for room.
+// Writes all of text to the child's stdin (blocking); false on failure.
 bool send_text(child_process& c, const std::string& text);
-// Closes our end of the child's standard input.
 void close_input(child_process& c);
 
-// Waits up to timeout_ms for one complete parent record (ended by an empty
-// line) on the child's standard output; returns its text without the empty
-// line, or "" when none arrived.
+// Wait up to timeout_ms for one parent record (ended by an empty line) or one
+// line on the child's stdout; return it without the empty line or the "\n",
+// or "" when none arrived.
 std::string read_record(child_process& c, int timeout_ms);
-
-// Waits up to timeout_ms for one line on the child's standard output; returns
-// it without its "\n", or "" when none arrived.
 std::string read_line(child_process& c, int timeout_ms);
 
-// Waits up to timeout_ms for a standard-error line containing text; returns
-// the whole line with its "\n", or "" when none arrived. When it is found, it
-// and the lines before it are consumed.
+// Waits up to timeout_ms for a stderr line containing text and returns it with
+// its "\n", consuming it and the lines before; "" when none arrived.
 std::string wait_for_stderr(child_process& c, const std::string& text, int timeout_ms);
 
-// Everything written on standard error so far (waiting up to timeout_ms for
-// more while the child runs), without consuming it.
+// All of stderr so far, after reading for up to timeout_ms while the child
+// runs; consumes nothing.
 const std::string& stderr_so_far(child_process& c, int timeout_ms = 0);
 
-// Waits up to timeout_ms for the child to exit; returns its exit status, or
-// -1 when it did not exit in time (or died of a signal).
+// The child's exit status, or -1 when it did not exit within timeout_ms or
+// died of a signal.
 int wait_exit(child_process& c, int timeout_ms);
-
-void send_signal(child_process& c, int sig);
-
-// Waits up to timeout_ms until the child catches sig with a handler of its
-// own (read from /proc); a signal sent after that cannot hit a default action.
-bool wait_signal_caught(child_process& c, int sig, int timeout_ms);

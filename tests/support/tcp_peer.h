@@ -5,26 +5,20 @@
 
 // A scripted switcher for tests: a listening socket on 127.0.0.1 and plain
 // reads and writes with deadlines on the accepted connection.
-
 struct tcp_listener {
   int fd = -1;
   std::uint16_t port = 0;
 };
 
-// Listens on 127.0.0.1 on an ephemeral port. fd is -1 on failure.
+// Listens on an ephemeral port of 127.0.0.1; fd is -1 on failure.
 tcp_listener listen_loopback();
-
 // Accepts one connection within timeout_ms; -1 when none arrived.
 int accept_within(const tcp_listener& l, int timeout_ms);
-
-// Reads whatever arrives until at least min_bytes were read or timeout_ms
-// passed; returns what was read (possibly less).
+// Reads until at least min_bytes arrived or timeout_ms passed; returns what
+// was read (possibly less).
 std::string read_for(int fd, std::size_t min_bytes, int timeout_ms);
-
 // Writes all of bytes (blocking); false on failure.
 bool write_all(int fd, const std::string& bytes);
-
 void close_fd(int& fd);
-
-// A port on 127.0.0.1 on which nothing listens (bound then closed).
+// A port of 127.0.0.1 on which nothing listens (bound, then closed).
 std::uint16_t unused_loopback_port();

@@ -2,15 +2,15 @@
 
 #include <string>
 
-// A private temporary directory for one test, removed with everything in it
-// when the object goes.
+// A private temporary directory for one test, removed with all it holds when
+// the object goes.
 struct temp_dir {
   temp_dir();
   ~temp_dir();
   temp_dir(const temp_dir&) = delete;
   temp_dir& operator=(const temp_dir&) = delete;
 
-  // Writes contents to a file named name inside the directory; returns its path.
+  // Writes contents to the file name inside the directory; returns its path.
   std::string write(const std::string& name, const std::string& contents) const;
   std::string path;
 };

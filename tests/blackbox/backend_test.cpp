@@ -1,0 +1,115 @@
+// The real binary with no switcher: its command line and start-up checks, its
+// parent channel and dispatcher, and the ways it ends.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "blackbox/system_fixture.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+class BackendTest : public SystemTest {};
+
+TEST_F(BackendTest, CommandLineAndStartUpChecksStopTheBinary) {
+  const std::string cfg = dir_.write("r.cfg", "inputs=4\n"), link = dir_.path + "/link.cfg";
+  const std::string missing = dir_.path + "/missing.cfg";
+  ASSERT_EQ(0, symlink(cfg.c_str(), link.c_str()));
+  const std::string usage =
+      "Grass Valley routing switcher backend process.\nzeph_route_grass_valley: [options]\n"
+      " --file <path>\n";
+  const std::string no_path = "No file path specified, use --file option. See --help for details\n";
+  const auto invalid = [](const std::string& path) {
+    return "File path '" + path + "' is not valid. Must exist and it must be a file.\n";
+  };
+  struct Case {
+    std::vector<std::string> args;
+    std::string err;
+    std::string stdout_path = "";  // a regular file instead of a pipe
+  };
+  const Case cases[] = {
+      {{"-h"}, usage},
+      {{"---help"}, usage},
+      {{"-h", "--bogus", "--file", cfg}, usage},
+      {{"--bogus", "-h"}, "Unknown switch 'bogus'\n"},
+      {{"--"}, "Unknown switch ''\n"},
+      {{"--filex", cfg}, "Unknown switch 'filex'\n"},
+      {{"--file"}, ""},
+      {{"word", "--file"}, "Unknown argument 'word'\n"},
+      {{}, no_path},
+      {{"--file", ""}, no_path},
+      {{"--file", missing}, invalid(missing)},
+      {{"--file", dir_.path}, invalid(dir_.path)},
+      {{"--file", link}, invalid(link)},
+      {{"--file", cfg, "-file", missing}, invalid(missing)},
+      {{"--file", cfg}, "Failed to prepare communications with parent process\n", dir_.path + "/o"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    child_process child;
+    std::vector<std::string> argv{"zeph_route_grass_valley"};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    ASSERT_TRUE(spawn(child, DAEMON_PATH, argv, c.stdout_path));
+    EXPECT_EQ(1, wait_exit(child, wait_ms));
+    EXPECT_EQ(c.err, child.err_buf);
+  }
+}
+
+TEST_F(BackendTest, ServesParentUntilEndOfInput) {
+  // A stray word is reported, but start-up goes on past it.
+  StartBackend("inputs = 16\noutputs = 8\n", {"stray"});
+  EXPECT_EQ("Unknown argument 'stray'\n", wait_for_stderr(backend_, "stray", wait_ms));
+  EXPECT_EQ(
+      "*COMMAND=info\n*TYPE=message\ncompany=Grass Valley\nfirmware version=\n"
+      "inputs=16\nmodel=\noutput routing controls=all\noutputs=8\n"
+      "product=Grass Valley Native Protocol switcher or compatible\n",
+      WithoutCopyright(read_record(backend_, wait_ms)));
+  // A reply from the parent gets no answer of its own.
+  Send(
+      "*COMMAND=set\n*TYPE=message\nname=outputs\nvalue=4\n\n"
+      "*COMMAND=route output\n*TYPE=command\n*ID=41\nfrom input=9\nqueue=add\nto output=3\n\n"
+      "*COMMAND=report\n*TYPE=reply\n*ID=44\nwhat=inputs\n\n"
+      "*COMMAND=Report\n*TYPE=command\n*ID=46\n\n");
+  EXPECT_NE(std::string::npos, read_record(backend_, wait_ms).find("\noutputs=4\n"));
+  EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=41\n", read_record(backend_, wait_ms));
+  EXPECT_EQ("*COMMAND=Report\n*ERROR=Unknown command Report\n*TYPE=reply\n*ID=46\n",
+            read_record(backend_, wait_ms));
+  EXPECT_NE("", wait_for_stderr(backend_, "outputs to 4", wait_ms));
+  // Lines the channel ignores or holds unanswered, NUL included, then the end.
+  Send("no equals\n\r\n*TYPE=x\n*ID=1\n\n\0\0=\n"s + std::string(5000, 'v') + "\n");
+  close_input(backend_);
+  EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+  EXPECT_EQ("", backend_.out_buf);
+  EXPECT_EQ("", backend_.err_buf);
+}
+
+TEST_F(BackendTest, SignalsEndIdleBinaryWithZero) {
+  const std::string cfg = dir_.write("r.cfg", "inputs = 4\n");
+  for (int sig : {SIGTERM, SIGHUP, SIGINT, SIGPIPE}) {
+    SCOPED_TRACE(sig);
+    child_process c;
+    ASSERT_TRUE(spawn(c, DAEMON_PATH, {"zeph_route_grass_valley", "--file", cfg}));
+    // The first report comes from the main loop, which starts with the handlers set.
+    ASSERT_NE("", read_record(c, wait_ms));
+    kill(c.pid, sig);
+    EXPECT_EQ(0, wait_exit(c, wait_ms));
+  }
+}
+
+TEST_F(BackendTest, LockedConfigurationDelaysStartUp) {
+  const std::string cfg = dir_.write("r.cfg", "inputs = 4\n");
+  const int lock_fd = open(cfg.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(0, flock(lock_fd, LOCK_EX));
+  ASSERT_TRUE(spawn(backend_, DAEMON_PATH, {"zeph_route_grass_valley", "--file", cfg}));
+  EXPECT_EQ("", wait_for_stderr(backend_, "inputs", 500));
+  EXPECT_FALSE(backend_.reaped);
+  close(lock_fd);
+  EXPECT_EQ("<DBG>Changing number of inputs to 4\n", wait_for_stderr(backend_, "inputs", wait_ms));
+  close_input(backend_);
+  EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+}
+
+}  // namespace
