@@ -1,0 +1,302 @@
+// The switcher link: frames both ways against bytes written by hand, then a
+// real peer on 127.0.0.1 for connecting, the watchdog and exchanges.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "frame/flags.h"
+#include "router/connection.h"
+#include "router/exchange.h"
+#include "router/receive.h"
+#include "support/tcp_peer.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+constexpr us_time_t twenty_one_s = 21'000'000;
+
+template <typename Fn>
+std::string stderr_of(Fn f) {
+  testing::internal::CaptureStderr();
+  f();
+  return testing::internal::GetCapturedStderr();
+}
+
+// SOH, body, checksum, EOT; the checksum computed here on its own so that a
+// wrong rule in the code cannot agree with itself.
+std::string framed(const std::string& body) {
+  unsigned sum = 0;
+  for (unsigned char c : body) sum += c;
+  char digits[3];
+  std::snprintf(digits, sizeof digits, "%02X", (256 - sum % 256) % 256);
+  return "\x01" + body + digits + "\x04";
+}
+
+router_message with_flags(bool ack, bool nak, std::int32_t nakerr) {
+  router_message m;
+  m.ack = ack;
+  m.nak = nak;
+  m.nakerr = nakerr;
+  return m;
+}
+
+std::string encoded(const router_message& m) {
+  router_frame frame;
+  return encode_router_frame(m, frame) ? std::string(frame.data()) : "<fails>";
+}
+
+// Feeds bytes in one piece or one byte per call; returns the lines written.
+std::string feed(const std::string& bytes, bool bytewise = false) {
+  return stderr_of([&] {
+    if (!bytewise) return receive_bytes(bytes.data(), bytes.size());
+    for (char c : bytes) receive_bytes(&c, 1);
+  });
+}
+
+// The descriptions of every queued message joined by '|', NUL shown as '~'.
+std::string take_all() {
+  std::string out;
+  while (!received_queue_empty()) {
+    out += (out.empty() ? "" : "|") + describe_router_message(connection_recvmsg());
+  }
+  std::replace(out.begin(), out.end(), '\0', '~');
+  return out;
+}
+
+class RouterFrameTest : public ::testing::Test {
+ protected:
+  void SetUp() override { receive_reset_for_test(); }
+};
+
+// Each frame is encoded from its message, and decodes to a message that
+// encodes to the same bytes.
+TEST_F(RouterFrameTest, WorkedFramesEncodeAndDecode) {
+  const std::pair<router_message, std::string> cases[] = {
+      {make_router_request("QD"), "\x01N0QDED\x04"},
+      {make_router_request("BK"), "\x01N0BKF5\x04"},
+      {make_router_request("BK", {"F"}), "\x01N0BK\tFA6\x04"},
+      {make_router_request("TI", {"1", "A"}), "\x01N0TI\t1\tA61\x04"},
+      {make_router_request("ER", {"00", "QD"}), "\x01N0ER\t00\tQDE4\x04"},
+      {make_router_request("TI", {"", "X"}), "\x01N0TI\t\tX7B\x04"},
+      {with_flags(false, true, 5), "\x15" "0005\x04"},
+      {with_flags(true, false, -1), "\x06"},
+      // ACK wins over NAK; a NAK code keeps its low 16 bits.
+      {with_flags(true, true, 5), "\x06"},
+      {with_flags(false, true, 0x12345), "\x15" "2345\x04"},
+  };
+  for (const auto& [msg, bytes] : cases) {
+    SCOPED_TRACE(bytes);
+    EXPECT_EQ(bytes, encoded(msg));
+    feed(bytes);
+    EXPECT_EQ(bytes, encoded(connection_recvmsg()));
+    EXPECT_TRUE(received_queue_empty());
+  }
+  EXPECT_EQ("\x15" "FFFF\x04", encoded(with_flags(false, true, -1)));
+  // With nothing queued the record is a cleared one.
+  router_message none = connection_recvmsg();
+  none.protocol = 'N';
+  EXPECT_EQ("request= protocol=N seq=0 ", describe_router_message(none));
+}
+
+TEST_F(RouterFrameTest, ParametersFitThroughExactly1015Bytes) {
+  // SOH, four header bytes and a TAB come before the first parameter.
+  EXPECT_EQ(1018u, encoded(make_router_request("TI", {std::string(1009, 'x')})).size());
+  EXPECT_EQ("<fails>", encoded(make_router_request("TI", {std::string(1010, 'x')})));
+  router_frame frame;
+  frame.fill('#');
+  EXPECT_FALSE(encode_router_frame(make_router_request("TI", strings(3000)), frame));
+  EXPECT_EQ('\0', frame[0]);  // no frame text left behind
+}
+
+// Each case is fed whole, then byte by byte: both give the same lines (when
+// given) and the same messages.
+TEST_F(RouterFrameTest, LinesMessagesAndDrops) {
+  struct Case {
+    std::string bytes;
+    std::string lines;
+    std::string decoded;  // descriptions of the messages queued, joined by '|'
+  };
+  const std::string longest = framed(std::string(4094, 'A'));
+  const Case cases[] = {
+      {"\x06", "<DBG>Router: ACK\n", "[OK] [ACK] request= protocol=~ seq=0 "},
+      {"\x01N0QDed\x04", "<DBG>Router: MSG N0QDed\n", "[OK] request=QD protocol=N seq=0 "},
+      {"\x01" "00\x04", "<DBG>Router: MSG 00\n", "[OK] request= protocol=0 seq=0 "},
+      {longest, "<DBG>Router: MSG " + longest.substr(1, 4096) + "\n",
+       "[OK] request=AA protocol=A seq=A "},
+      {framed("N0ER\tZZ"), "", "[OK] request=ER protocol=N seq=0 nakerr=0000 param=ZZ"},
+      {framed("N0ER\t0A"), "", "[ERR] request=ER protocol=N seq=0 nakerr=000a param=0A"},
+      {framed("N0ER\t"), "", "[ERR] request=ER protocol=N seq=0 "},  // a final TAB opens nothing
+      {"\x15\x04", "", "[NAK] request= protocol=~ seq=0 nakerr=0000 "},
+      {"\x15" "ffffx\x04", "", "[NAK] request= protocol=~ seq=0 nakerr=ffff "},
+      {"\x15" "FFFFFFFFF\x04", "", "[NAK] request= protocol=~ seq=0 "},  // wraps to -1
+      {framed("N0ER\t00\tQD") + "\x06" + framed("N1TIxyz\t1\t"), "",  // in arrival order
+       "[OK] request=ER protocol=N seq=0 nakerr=0000 param=00,QD|[OK] [ACK] request= protocol=~ "
+       "seq=0 |[OK] request=TI protocol=N seq=1 param=1"},
+      {framed("N0TI\t\t"), "", "[OK] request=TI protocol=N seq=0 param="},
+      // Error paths follow.
+      {"\r\x04", "Discarding unexpected byte 0d\nDiscarding unexpected byte 04\n", ""},
+      {std::string("\x01N0\0", 4) + framed("N0QD"),  // a NUL, and the EOT lost
+       "<WARN>Unexpected NUL in response from router switcher, ignoring response\n", ""},
+      {"\x01" "A\x04", "<DBG>Router: MSG A\n<DBG>Message rejected, no checksum field\n", ""},
+      {"\x01N0QDZZ\x04",
+       "<DBG>Router: MSG N0QDZZ\n<DBG>Message rejected, invalid checksum (want=00 got=ed)\n", ""},
+      {"\x01" + std::string(4097, 'A') + "\x04",
+       "<WARN>Over-long rambling response from router switcher\nDiscarding unexpected byte 04\n",
+       ""},
+  };
+  for (const Case& c : cases) {
+    for (bool bytewise : {false, true}) {
+      SCOPED_TRACE(c.bytes.substr(0, 20) + (bytewise ? " byte by byte" : ""));
+      const std::string lines = feed(c.bytes, bytewise);
+      if (!c.lines.empty()) { EXPECT_EQ(c.lines, lines); }
+      EXPECT_EQ(c.decoded, take_all());
+      EXPECT_FALSE(receive_in_progress());
+    }
+  }
+}
+
+// The switcher's side, played from the parent-poll handler that every wait
+// cycle calls: cycle n records what arrived, then writes replies[n - 1]. With
+// nested set, cycle 1 is instead a parent request running its own exchange.
+struct peer_script {
+  int fd = -1;
+  strings replies;
+  std::size_t calls = 0;
+  std::string heard;
+  bool nested = false;
+  std::vector<router_message> nested_response;
+} script;
+
+void play_script() {
+  char buf[4096];
+  for (ssize_t n; (n = recv(script.fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) {
+    script.heard.append(buf, static_cast<std::size_t>(n));
+  }
+  if (++script.calls == 1 && script.nested) {
+    router_message inner = make_router_request("QI", {"1"});
+    EXPECT_TRUE(do_timeout_send_and_recv(inner, script.nested_response,
+                                         monotonic_now_us() + 2'000'000));
+  } else if (script.calls <= script.replies.size()) {
+    write_all(script.fd, script.replies[script.calls - 1]);
+  }
+}
+
+// "QN:A,B" for each message of a response, joined by blanks.
+std::string summary(const std::vector<router_message>& response) {
+  std::string out;
+  for (const router_message& m : response) {
+    out += (out.empty() ? "" : " ") + std::string(m.request, strnlen(m.request, 2)) + ':';
+    for (std::size_t i = 0; i < m.parameters.size(); ++i) out += (i ? "," : "") + m.parameters[i];
+  }
+  return out;
+}
+
+class RouterLinkTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    stderr_of(connection_reset_for_test);
+    receive_reset_for_test();
+    reset_process_flags();
+    script = peer_script{};
+    set_parent_poll_handler(play_script);
+    listener_ = listen_loopback();
+    ASSERT_GE(listener_.fd, 0);
+    connection_set_target_for_test("127.0.0.1", listener_.port);
+  }
+  void TearDown() override {
+    set_parent_poll_handler(nullptr);
+    stderr_of(connection_reset_for_test);
+    close_fd(script.fd);
+    close_fd(listener_.fd);
+  }
+
+  tcp_listener listener_;
+};
+
+TEST_F(RouterLinkTest, ConnectCompletedLaterThenWatchdog) {
+  // With its one-slot accept queue taken the listener drops our SYN: the
+  // connect hangs until the slot frees and the SYN is sent again.
+  ASSERT_EQ(0, listen(listener_.fd, 0));
+  const int filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(listener_.port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, connect(filler, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+  const us_time_t started = monotonic_now_us();
+  EXPECT_EQ("<NOTE>Trying to connect to router...\n", stderr_of(connection_connect));
+  EXPECT_EQ("", stderr_of(connection_poll));
+  EXPECT_TRUE(connection_connect_in_progress());
+  script.fd = accept_within(listener_, 2000);  // the filler's, freeing the slot
+  close(filler);
+  const us_time_t give_up = started + 10'000'000;
+  EXPECT_EQ("<NOTE>Connection sucessful.\n", stderr_of([&] {
+              while (connection_connect_in_progress() && monotonic_now_us() < give_up) {
+                connection_connect();
+              }
+            }));
+  EXPECT_TRUE(flag_is_set(process_flag::sync_needed));
+
+  EXPECT_EQ("", stderr_of(connection_poll));
+  connection_set_last_activity_for_test(monotonic_now_us() - twenty_one_s);
+  EXPECT_EQ("<WARN>Connection timeout\n<NOTE>Connection to router closed\n",
+            stderr_of(connection_poll));
+  EXPECT_FALSE(connection_is_open() || flag_is_set(process_flag::sync_needed));
+  // The next attempt is due 5 s after the last one started.
+  EXPECT_LE(started + 5'000'000, connection_next_connect_time_for_test());
+  EXPECT_GE(monotonic_now_us() + 5'000'000, connection_next_connect_time_for_test());
+  EXPECT_EQ("", stderr_of(connection_connect));
+}
+
+TEST_F(RouterLinkTest, RepliesEndAsTheirSequenceFlagsSay) {
+  struct Case {
+    const char* name;
+    const char* request;
+    strings replies;
+    const char* response;
+  };
+  const Case cases[] = {
+      {"one message", "BK", {framed("N0BK\tF")}, "BK:F"},
+      {"run closed by flag 0, ACK ignored", "QN",
+       {framed("N1QN\tA"), "", framed("N1QN\tB") + framed("N1QN\tC"), "\x06", framed("N0QN\tD"),
+        framed("N0QN\tE")},
+       "QN:A QN:B QN:C QN:D"},
+      {"another command ends the run", "QN", {framed("N1QN\tA"), framed("N1DQ\t1")}, "QN:A DQ:1"},
+      {"NAK ends the reply", "TI", {"\x15" "0002\x04"}, ":"},
+      {"ER naming QD answers QD", "QD", {framed("N0ER\t00\tQD"), framed("N0BK")}, "ER:00,QD"},
+      {"failed ER is never stale", "BK", {framed("N0ER\t05\tQD"), framed("N0BK")}, "ER:05,QD"},
+      {"stale status ER skipped", "BK", {framed("N0ER\t00\tQD"), framed("N0BK")}, "BK:"},
+      // Last: a parent request served while waiting runs an exchange of its own.
+      {"nested", "BK", {"", framed("N0IQ\t1\t5"), framed("N0BK")}, "BK:"},
+  };
+  for (int i = 0; i < 2000 && (!connection_is_open() || connection_connect_in_progress()); ++i) {
+    stderr_of(connection_connect);
+  }
+  script.fd = accept_within(listener_, 2000);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    script.replies = c.replies;
+    script.nested = std::string(c.name) == "nested";
+    script.calls = 0;
+    script.heard.clear();
+    router_message request = make_router_request(c.request);
+    std::vector<router_message> response;
+    const std::string lines = stderr_of([&] {
+      EXPECT_TRUE(do_timeout_send_and_recv(request, response, monotonic_now_us() + 2'000'000));
+    });
+    EXPECT_EQ(c.response, summary(response)) << lines;
+    EXPECT_TRUE(connection_is_open());
+  }
+  EXPECT_EQ("IQ:1,5", summary(script.nested_response));
+  EXPECT_EQ("\x01N0BKF5\x04" + framed("N0QI\t1"), script.heard);
+}
+
+}  // namespace

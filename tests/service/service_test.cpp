@@ -1,0 +1,294 @@
+// The command service against a switcher on a loopback socket and a parent on
+// pipes: the route queue's "TI" batches and the dispatcher's requests, some
+// of them arriving while another request waits on the switcher.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "frame/config.h"
+#include "frame/flags.h"
+#include "model/tables.h"
+#include "parent/channel.h"
+#include "router/connection.h"
+#include "router/exchange.h"
+#include "router/receive.h"
+#include "service/dispatcher.h"
+#include "service/route_queue.h"
+#include "support/tcp_peer.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+// The switcher, stepped by the exchanges' wait cycles on the test's own
+// thread: every frame received is answered with "ER 00 <its letters>", but
+// not while hold_fd has bytes left to read.
+struct switcher_peer {
+  tcp_listener listener;
+  int fd = -1;
+  std::string raw;  // every byte received
+  strings frames;   // each as letters and parameters: "TI 5,A"
+  std::size_t answered = 0;
+  int hold_fd = -1;
+} peer;
+
+void peer_step() {
+  char buf[4096];
+  for (ssize_t n; (n = recv(peer.fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) peer.raw.append(buf, n);
+  peer.frames.clear();
+  for (std::size_t at = 0, end; (end = peer.raw.find(eot, at)) != std::string::npos; at = end + 1) {
+    std::string params = peer.raw.substr(at + 5, end - at - 7);  // up to the checksum
+    std::replace(params.begin(), params.end(), '\t', ',');
+    if (!params.empty()) params[0] = ' ';
+    peer.frames.push_back(peer.raw.substr(at + 3, 2) + params);
+  }
+  int unread = 0;
+  if (peer.hold_fd >= 0 && ioctl(peer.hold_fd, FIONREAD, &unread) == 0 && unread > 0) return;
+  for (router_frame f; peer.answered < peer.frames.size(); ++peer.answered) {
+    const std::string letters = peer.frames[peer.answered].substr(0, 2);
+    ASSERT_TRUE(encode_router_frame(make_router_request("ER", {"00", letters}), f));
+    write_all(peer.fd, f.data());
+  }
+}
+
+// Both tables numbered from base, and count active inputs and outputs.
+void load_tables(const char* base, const char* count) {
+  router_message dests = make_router_request("NQ", {"D", "1", "x", base, "x", "0"});
+  router_message sources = make_router_request("NQ", {"S", "1", "x", base, "x", "0"});
+  dests.ok = sources.ok = true;
+  update_dest_info({dests});
+  update_sources_info({sources});
+  apply_config_key("inputs", count);
+  apply_config_key("outputs", count);
+  recompute_active_counts();
+}
+
+class CommandServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    reset_configuration();
+    reset_process_flags();
+    reset_router_tables();
+    reset_route_queues();
+    connection_reset_for_test();
+    receive_reset_for_test();
+    peer = switcher_peer{};
+    ASSERT_EQ(0, pipe2(in_, O_NONBLOCK));
+    ASSERT_EQ(0, pipe2(out_, O_NONBLOCK));
+    parent_channel_use_fds_for_test(in_[0], out_[1]);
+    load_tables("1", "16");
+  }
+  void TearDown() override {
+    set_parent_poll_handler(nullptr);
+    connection_reset_for_test();
+    close_fd(peer.fd);
+    close_fd(peer.listener.fd);
+    for (int fd : {in_[0], in_[1], out_[0], out_[1]}) close(fd);
+  }
+
+  // Brings the link up with the synchronisation done; each wait cycle steps
+  // the switcher, then (with serve_parent) serves one parent message.
+  static void LinkUp(bool serve_parent) {
+    peer.listener = listen_loopback();
+    connection_set_target_for_test("127.0.0.1", peer.listener.port);
+    for (int i = 0; i < 2000 && (!connection_is_open() || connection_connect_in_progress()); ++i) {
+      connection_connect();
+    }
+    peer.fd = accept_within(peer.listener, 2000);
+    ASSERT_TRUE(connection_is_open() && peer.fd >= 0);
+    clear_flag(process_flag::sync_needed);
+    set_parent_poll_handler(serve_parent ? +[] { peer_step(); poll_parent_message(); } : peer_step);
+  }
+
+  // Adds the changes, flushes, and returns what the switcher got meanwhile.
+  static strings Flush(const std::vector<route_change>& changes) {
+    const std::size_t before = peer.frames.size();
+    for (const route_change& c : changes) add_route_change(c);
+    flush_route_changes();
+    return SentSince(before);
+  }
+
+  // The frames the switcher received from index before on.
+  static strings SentSince(std::size_t before) {
+    peer_step();
+    return strings(peer.frames.begin() + before, peer.frames.end());
+  }
+
+  // Writes request text to the backend's input and serves messages until it
+  // is read; returns what the backend wrote back.
+  std::string Request(const std::string& text) {
+    EXPECT_EQ(static_cast<ssize_t>(text.size()), write(in_[1], text.data(), text.size()));
+    for (std::size_t i = 0; i < text.size() + 4; ++i) poll_parent_message();
+    std::string out;
+    char buf[4096];
+    for (ssize_t n; (n = read(out_[0], buf, sizeof buf)) > 0;) out.append(buf, n);
+    return out;
+  }
+
+  int in_[2] = {-1, -1};
+  int out_[2] = {-1, -1};
+};
+
+TEST_F(CommandServiceTest, OneTakeInputPerOutputInAscendingOrder) {
+  struct Case {
+    const char* name;
+    std::vector<route_change> changes;  // input, output
+    strings sent;
+  };
+  const Case cases[] = {
+      {"both bases added", {{9, 4}}, {"TI 5,A"}},
+      {"last change per output wins", {{9, 4}, {2, 4}}, {"TI 5,3"}},
+      {"ascending output order", {{1, 7}, {1, 2}, {1, 5}}, {"TI 3,2", "TI 6,2", "TI 8,2"}},
+      {"no input is one below the input base", {{-1, 0}}, {"TI 1,0"}},
+      // Error paths follow
+      {"output beyond the active outputs", {{1, 16}, {1, -1}}, {}},
+      {"input below -1", {{-2, 3}}, {}},
+  };
+  LinkUp(false);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    set_flush_allow_for_test(0);
+    EXPECT_EQ(c.sent, Flush(c.changes));
+    EXPECT_TRUE(send_queue_empty());
+  }
+  EXPECT_EQ("\x01\x4E\x30\x54\x49\x09\x35\x09\x41\x35\x44\x04", peer.raw.substr(0, 12));
+  load_tables("0", "16");
+  set_flush_allow_for_test(0);
+  EXPECT_EQ(strings{"TI 0,FFFFFFFF"}, Flush({{-1, 0}}));
+}
+
+TEST_F(CommandServiceTest, PacingCountsFromTheBatchStart) {
+  LinkUp(false);
+  // 66 ms per command sent, 750 ms at most.
+  const std::pair<int, us_time_t> cases[] = {{3, 198'000}, {16, 750'000}, {0, 0}};
+  for (const auto& [commands, hold_us] : cases) {
+    SCOPED_TRACE(commands);
+    set_flush_allow_for_test(0);
+    std::vector<route_change> changes{{1, 16}};  // beyond the outputs: never sent
+    for (int i = 0; i < commands; ++i) changes.push_back({1, i});
+    const us_time_t before = monotonic_now_us();
+    EXPECT_EQ(static_cast<std::size_t>(commands), Flush(changes).size());
+    // The queue timeout is armed 5 s after the batch start, a moment later
+    // than the pacing's own reading of the clock.
+    EXPECT_LE(before + 5'000'000, queue_timeout());
+    EXPECT_GE(monotonic_now_us() + 5'000'000, queue_timeout());
+    const double start = static_cast<double>(queue_timeout() - 5'000'000);
+    EXPECT_NEAR(static_cast<double>(hold_us), static_cast<double>(flush_allow()) - start, 30'000);
+  }
+}
+
+TEST_F(CommandServiceTest, HeldBackThenSentOrDropped) {
+  EXPECT_EQ(strings{}, Flush({{9, 4}}));  // the link is down
+  LinkUp(false);
+  raise_flag(process_flag::sync_needed);
+  EXPECT_EQ(strings{}, Flush({{8, 4}}));
+  // No pacing time was set, so no delayed send: the next flush sends what
+  // waited, its own change for the same output last.
+  clear_flag(process_flag::sync_needed);
+  delayed_flush_step();
+  EXPECT_EQ(strings{"TI 5,3"}, Flush({{2, 4}}));
+
+  // Too soon: the delayed-flush step sends once the pacing time has come.
+  set_flush_allow_for_test(monotonic_now_us() + 900'000);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(strings{}, Flush({{9, 4}}));
+  delayed_flush_step();
+  set_flush_allow_for_test(monotonic_now_us());
+  delayed_flush_step();
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(0u, log.find("<DBG>Route changes too soon, will flush later\n"
+                         "<DBG>Now sending delayed route changes\n")) << log;
+  EXPECT_EQ(strings{"TI 5,A"}, SentSince(1));
+
+  // Five seconds after a batch started, whatever still waits is dropped.
+  raise_flag(process_flag::sync_needed);
+  EXPECT_EQ(strings{}, Flush({{1, 1}}));
+  add_route_change({2, 2});
+  set_queue_timeout_for_test(monotonic_now_us() - 1);
+  delayed_flush_step();
+  EXPECT_TRUE(send_queue_empty() && queued_route_changes().empty());
+  EXPECT_EQ(0u, queue_timeout());
+}
+
+TEST_F(CommandServiceTest, DispatcherRepliesAndErrorTexts) {
+  const std::string routed = "*COMMAND=route output\n*TYPE=reply\n*ID=3\n\n";
+  const std::pair<std::string, std::string> cases[] = {  // request, reply
+      {"*COMMAND=route output\n*TYPE=message\n*ID=2\n\n",
+       "*COMMAND=route output\n*ERROR=Message route output ignored\n*TYPE=reply\n*ID=2\n\n"},
+      // With the link down there is no status loop.
+      {"*COMMAND=report\n*TYPE=command\n*ID=5\nwhat=outputs\n\n", "*TYPE=reply\n*ID=5\n\n"},
+      // Error paths follow
+      {"*COMMAND=report\n*TYPE=command\n*ID=6\nwhat=levels\n\n",
+       "*COMMAND=report\n*ERROR=I do not recognize what you are asking for\n*TYPE=reply\n"
+       "*ID=6\n\n"},
+      {"*COMMAND=set\n*TYPE=command\n*ID=9\nname=outputs\nvalue=1\n\n",
+       "*COMMAND=set\n*ERROR=Unknown command set\n*TYPE=reply\n*ID=9\n\n"},
+  };
+  for (const auto& [request, reply] : cases) {
+    SCOPED_TRACE(request);
+    EXPECT_EQ(reply, Request(request));
+  }
+  EXPECT_EQ(16u, configured_outputs());  // the "set" command did not apply
+
+  const std::pair<std::string, std::string> routes[] = {  // fields, "input>output" queued
+      {"control=none\nfrom input=3\nqueue=add\nto output=1\n", "-1>1"},
+      {"from input=5ab\nqueue=add\nto output=15\n", "5>15"},
+      {"from input=4294967298\nqueue=add\nto output=2\n", "2>2"},  // cut to 32 bits
+      // Error paths follow
+      {"from input= 3\nqueue=add\nto output=2\n", "-1>2"},
+      {"from input=16ab\nqueue=add\nto output=2\n", "-1>2"},  // not below the active inputs
+      {"from input=1\nqueue=add\nto output=16\n", ""},
+  };
+  for (const auto& [fields, queued] : routes) {
+    SCOPED_TRACE(fields);
+    reset_route_queues();
+    EXPECT_EQ(routed, Request("*COMMAND=route output\n*TYPE=command\n*ID=3\n" + fields + "\n"));
+    std::string got;
+    for (const route_change& r : queued_route_changes()) {
+      got += std::to_string(r.input) + ">" + std::to_string(r.output);
+    }
+    EXPECT_EQ(queued, got);
+  }
+}
+
+// A second request arrives while the first waits on the switcher: it is
+// answered inside the wait, and the first reply keeps its own id and command.
+TEST_F(CommandServiceTest, RequestServedWhileAnotherWaits) {
+  struct Case {
+    const char* outputs;
+    std::string outer;
+    std::string outer_reply;
+    strings sent;
+  };
+  const Case cases[] = {
+      {"16", "*COMMAND=route output\n*TYPE=command\n*ID=70\nqueue=flush\n\n",
+       "*COMMAND=route output\n*TYPE=reply\n*ID=70\n\n", {"TI 5,A"}},
+      {"3", "*COMMAND=report\n*TYPE=command\n*ID=71\nwhat=outputs\n\n",
+       "*TYPE=reply\n*ID=71\n\n", {"QI 1,0", "QI 2,0", "QI 3,0"}},
+  };
+  LinkUp(true);
+  peer.hold_fd = in_[0];  // the switcher answers once the nested request is read
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.outer);
+    load_tables("1", c.outputs);
+    reset_route_queues();
+    add_route_change({9, 4});
+    const std::size_t before = peer.frames.size();
+    EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=80\n\n" + c.outer_reply,
+              Request(c.outer + "*COMMAND=route output\n*TYPE=command\n*ID=80\nfrom input=1\n"
+                      "queue=add\nto output=2\n\n"));
+    EXPECT_EQ(c.sent, SentSince(before));
+    // The nested add was queued after the flush had taken the queue.
+    ASSERT_FALSE(queued_route_changes().empty());
+    EXPECT_EQ(2, queued_route_changes().back().output);
+  }
+}
+
+}  // namespace
