@@ -11,8 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "frame/clock.h"
-
 namespace {
 
 constexpr std::size_t read_chunk = 65536;
@@ -129,12 +127,6 @@ bool child_take_line(std::string& text, std::string& line) {
 void child_close_input(soak_child& c) {
   c.to_write.clear();
   close_fd(c.in_fd);
-}
-
-bool child_wait_exit(soak_child& c, int timeout_ms) {
-  const us_time_t end = monotonic_now_us() + static_cast<us_time_t>(timeout_ms) * 1000;
-  while (!c.exited && monotonic_now_us() < end) child_pump({&c}, 20);
-  return c.exited;
 }
 
 void child_stop(soak_child& c) {

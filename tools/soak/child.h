@@ -9,7 +9,6 @@
 // output and error, and watches for their end.
 
 struct soak_child {
-  const char* name = "";  // for messages: "backend", "emulator"
   pid_t pid = -1;
   int in_fd = -1;         // our end of its standard input; -1 once closed
   int out_fd = -1;        // our end of its standard output; -1 at its end
@@ -39,10 +38,6 @@ void child_pump(const std::vector<soak_child*>& children, int timeout_ms);
 
 // Closes our end of the child's standard input (its end of file).
 void child_close_input(soak_child& c);
-
-// Waits up to timeout_ms for the child to end, pumping its pipes meanwhile.
-// True when it has ended.
-[[nodiscard]] bool child_wait_exit(soak_child& c, int timeout_ms);
 
 // Kills and reaps a child that still runs; closes our pipe ends.
 void child_stop(soak_child& c);

@@ -91,7 +91,6 @@ bool start(soak_run& run, const soak_options& o, const std::string& dir) {
       "--seed", std::to_string(o.seed), "--chaos-slice", std::to_string(o.slice_ms)};
   if (run.emulator_log != nullptr) emu.push_back("--verbose");
   if (!child_start(run.emulator, o.emulator, emu)) return false;
-  run.emulator.name = "emulator";
   if (!run_until(run, 10000, [&run] { return !run.emulator_port.empty(); })) {
     run_fail(run, "emulator did not say its port");
     return false;
@@ -104,7 +103,6 @@ bool start(soak_run& run, const soak_options& o, const std::string& dir) {
   }
   std::fprintf(f, "ip address = 127.0.0.1\nport = %s\n", run.emulator_port.c_str());
   std::fclose(f);
-  run.backend.name = "backend";
   return child_start(run.backend, o.backend, {"zeph_route_grass_valley", "--file", cfg});
 }
 
