@@ -20,5 +20,12 @@ test-asan:
 demo: build
 	./tools/demo.sh build/dev
 
+# The fault soak: the backend against the emulator in chaos mode.
+.PHONY: soak
+SOAK_SECONDS ?= 60
+SOAK_SEED ?= 1
+soak: build
+	./build/dev/tools/soak --seconds $(SOAK_SECONDS) --seed $(SOAK_SEED)
+
 clean:
 	rm -rf build

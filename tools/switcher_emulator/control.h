@@ -13,7 +13,8 @@
 //   routes                      one "route DEST SOURCE" line per destination
 //   flags                       "flags HEX", the change flags
 //   quit                        stop the emulator
-// Every command ends its output with "ok" or "error <reason>".
+// Every command ends its output with "ok" or "error <reason>". The server
+// itself takes "chaos on", "chaos off" and "drop" before they get here.
 
 inline constexpr std::size_t control_max_line = 1024;
 

@@ -35,7 +35,9 @@ constexpr const char* usage_text =
     "faults (random ones drawn from --seed N, default 1):\n"
     "  --close-after N  --close-random N  --silent-after N  --ack-only\n"
     "  --delay MS  --delay-jitter MS  --split-writes  --garbage N\n"
-    "  --corrupt-random N  --refuse-for MS\n";
+    "  --corrupt-random N  --refuse-for MS\n"
+    "  --chaos                  faults at random, one kind per time slice\n"
+    "  --chaos-slice MS         mean length of a chaos slice (3000)\n";
 
 bool fail(const std::string& what) {
   std::fprintf(stderr, "switcher_emulator: %s\n", what.c_str());
@@ -120,6 +122,7 @@ bool apply_option(const std::string& opt, const std::string& v, emulator_server&
       {"--garbage", 4096, &f.garbage},
       {"--corrupt-random", UINT32_MAX, &f.corrupt_random},
       {"--refuse-for", 3600000, &f.refuse_ms},
+      {"--chaos-slice", 3600000, &o.chaos_slice_ms},
   };
   std::uint64_t n = 0;
   for (const number_option& no : numbers) {
@@ -160,9 +163,11 @@ bool parse_options(int argc, char** argv, emulator_server& s) {
     else if (opt == "--no-controls") s.opt.control_stdin = false;
     else if (opt == "--ack-only") s.opt.faults.ack_only = true;
     else if (opt == "--split-writes") s.opt.faults.split_writes = true;
+    else if (opt == "--chaos") s.opt.chaos = true;
     else if (i + 1 >= argc) return fail(opt + " wants a value (see --help)");
     else if (!apply_option(opt, argv[++i], s)) return false;
   }
+  if (s.opt.chaos_slice_ms == 0) return fail("--chaos-slice wants at least 1 ms");
   for (const std::string* text : {&s.cfg.model, &s.cfg.firmware_type, &s.cfg.firmware_revision}) {
     if (!emulator_valid_name(*text)) return fail("identity texts must be 1-64 printable bytes");
   }

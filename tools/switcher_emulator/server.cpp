@@ -21,17 +21,9 @@ namespace {
 constexpr std::size_t max_tx_bytes = 256 * 1024;
 constexpr std::size_t read_chunk = 4096;
 
-// splitmix64: small, and the same sequence for the same seed everywhere.
-std::uint64_t next_random(std::uint64_t& state) {
-  std::uint64_t z = (state += 0x9E3779B97F4A7C15ULL);
-  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
-  z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
-  return z ^ (z >> 31);
-}
-
 // True with a 1-in-n chance; never when n is 0.
 bool one_in(emulator_server& s, std::uint32_t n) {
-  return n > 0 && next_random(s.rng) % n == 0;
+  return n > 0 && emulator_random(s.rng) % n == 0;
 }
 
 void drop_client(emulator_server& s, const char* why) {
@@ -54,12 +46,12 @@ void queue_frame(emulator_server& s, const router_message& msg, us_time_t now) {
     return;
   }
   if (s.opt.verbose) diag("%s\n", server_frame_line("send", msg).c_str());
-  const emulator_faults& f = s.opt.faults;
+  const emulator_faults& f = s.faults;
   server_chunk c;
   if (f.garbage > 0) {
-    const std::uint64_t n = 1 + next_random(s.rng) % f.garbage;
+    const std::uint64_t n = 1 + emulator_random(s.rng) % f.garbage;
     for (std::uint64_t i = 0; i < n; ++i) {
-      char b = static_cast<char>(next_random(s.rng) & 0xFF);
+      char b = static_cast<char>(emulator_random(s.rng) & 0xFF);
       // Lead bytes would start a message at the client and swallow the frame.
       if (b == soh || b == ack_byte || b == nak_byte) b = '?';
       c.bytes.push_back(b);
@@ -74,7 +66,7 @@ void queue_frame(emulator_server& s, const router_message& msg, us_time_t now) {
   }
   c.bytes += text;
   std::uint64_t delay = f.delay_ms * 1000ULL;
-  if (f.delay_jitter_ms > 0) delay += next_random(s.rng) % (f.delay_jitter_ms * 1000ULL + 1);
+  if (f.delay_jitter_ms > 0) delay += emulator_random(s.rng) % (f.delay_jitter_ms * 1000ULL + 1);
   c.due = now + delay;
   // Frames leave in the order they were answered, whatever their jitter.
   if (!s.tx.empty()) c.due = std::max(c.due, s.tx.back().due);
@@ -84,13 +76,13 @@ void queue_frame(emulator_server& s, const router_message& msg, us_time_t now) {
 
 // True once the connection has seen more good frames than it may answer.
 bool silenced(const emulator_server& s) {
-  const std::int64_t limit = s.opt.faults.silent_after;
+  const std::int64_t limit = s.faults.silent_after;
   return limit >= 0 && s.frames_in > static_cast<std::uint64_t>(limit);
 }
 
 // Applies the connection faults to one good frame, then answers it.
 void handle_frame(emulator_server& s, const router_message& req, us_time_t now) {
-  const emulator_faults& f = s.opt.faults;
+  const emulator_faults& f = s.faults;
   ++s.frames_in;
   if (s.opt.verbose) diag("%s\n", server_frame_line("recv", req).c_str());
   if ((f.close_after > 0 && s.frames_in >= f.close_after) || one_in(s, f.close_random)) {
@@ -145,7 +137,7 @@ void read_client(emulator_server& s, us_time_t now) {
 void write_client(emulator_server& s, us_time_t now) {
   while (s.client_fd >= 0 && !s.tx.empty() && s.tx.front().due <= now) {
     server_chunk& c = s.tx.front();
-    const std::size_t len = s.opt.faults.split_writes ? 1 : c.bytes.size() - c.sent;
+    const std::size_t len = s.faults.split_writes ? 1 : c.bytes.size() - c.sent;
     const ssize_t w = send(s.client_fd, c.bytes.data() + c.sent, len, MSG_NOSIGNAL);
     if (w < 0) {
       if (errno == EAGAIN || errno == EINTR) return;
@@ -167,7 +159,7 @@ void accept_client(emulator_server& s, us_time_t now) {
     }
     return;
   }
-  if (now < s.refuse_until) {
+  if (now < s.refuse_until || now < s.chaos_refuse_until) {
     // A zero linger time makes close() reset the connection at once.
     const linger reset{1, 0};
     (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
@@ -200,6 +192,36 @@ void rename_now(emulator_server& s) {
   }
 }
 
+// Starts the next chaos slice when the current one is over.
+void chaos_step(emulator_server& s, us_time_t now) {
+  if (!s.chaos_on || now < s.chaos_until) return;
+  const chaos_slice slice = chaos_next_slice(s.chaos_rng, s.opt.chaos_slice_ms);
+  s.chaos_until = now + slice.length_us;
+  s.faults = slice.faults;
+  s.chaos_refuse_until = slice.refuse ? s.chaos_until : 0;
+  if (s.opt.verbose) {
+    diag("chaos %s %llu\n", chaos_mode_name(slice.mode),
+         static_cast<unsigned long long>(slice.length_us / 1000));
+  }
+  if (slice.drop_now) drop_client(s, "closed by fault");
+}
+
+// The controls that act on the server rather than on the switcher's state:
+// "chaos on", "chaos off" and "drop" (close the client's connection now).
+// False when line is none of them.
+bool server_control(emulator_server& s, std::string line, std::string& out) {
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  if (line == "chaos on" || line == "chaos off") {
+    server_set_chaos(s, line == "chaos on");
+  } else if (line == "drop") {
+    drop_client(s, "closed by control");
+  } else {
+    return false;
+  }
+  out += "ok\n";
+  return true;
+}
+
 void read_stdin(emulator_server& s) {
   char buf[read_chunk];
   const ssize_t r = read(0, buf, sizeof buf);
@@ -216,7 +238,9 @@ void read_stdin(emulator_server& s) {
       continue;
     }
     std::string out;
-    control_line(s.cfg, s.sw, s.stdin_line, out, s.quit);
+    if (!server_control(s, s.stdin_line, out)) {
+      control_line(s.cfg, s.sw, s.stdin_line, out, s.quit);
+    }
     s.stdin_line.clear();
     std::fputs(out.c_str(), stdout);
     std::fflush(stdout);
@@ -261,6 +285,9 @@ bool server_open(emulator_server& s) {
   }
   s.port = ntohs(addr.sin_port);
   s.rng = s.opt.faults.seed;
+  s.faults = s.opt.faults;
+  s.chaos_rng = chaos_seed(s.opt.faults.seed);
+  if (s.opt.chaos) server_set_chaos(s, true);
   const us_time_t now = monotonic_now_us();
   s.refuse_until = s.opt.faults.refuse_ms > 0 ? now + s.opt.faults.refuse_ms * 1000ULL : 0;
   s.stdin_open = s.opt.control_stdin;
@@ -288,6 +315,7 @@ void server_step(emulator_server& s, int max_wait_ms) {
   }
   if (s.stdin_open) watch(0, rd);
   if (s.rename_at != 0) wake = std::min(wake, std::max(s.rename_at, now));
+  if (s.chaos_on) wake = std::min(wake, std::max(s.chaos_until, now));
   const us_time_t wait = wake - now;
   timeval tv{static_cast<time_t>(wait / 1000000), static_cast<suseconds_t>(wait % 1000000)};
   const int n = select(max_fd + 1, &rd, &wr, nullptr, &tv);
@@ -296,12 +324,23 @@ void server_step(emulator_server& s, int max_wait_ms) {
     return;
   }
   now = monotonic_now_us();
+  // A new slice applies to everything this step handles, the accept included.
+  chaos_step(s, now);
   const int client = s.client_fd;  // the descriptor the sets were filled for
   if (client < 0 && s.listen_fd >= 0 && FD_ISSET(s.listen_fd, &rd)) accept_client(s, now);
   if (client >= 0 && FD_ISSET(client, &rd)) read_client(s, now);
   if (s.client_fd >= 0 && s.client_fd == client) write_client(s, now);
   if (s.stdin_open && FD_ISSET(0, &rd)) read_stdin(s);
   if (s.rename_at != 0 && now >= s.rename_at) rename_now(s);
+}
+
+void server_set_chaos(emulator_server& s, bool on) {
+  s.chaos_on = on;
+  s.chaos_until = 0;
+  if (on) return;
+  s.faults = s.opt.faults;
+  s.chaos_refuse_until = 0;
+  if (s.opt.verbose) diag("chaos off\n");
 }
 
 void server_close(emulator_server& s) {

@@ -5,26 +5,12 @@
 #include <string>
 
 #include "frame/clock.h"
+#include "switcher_emulator/chaos.h"
 #include "switcher_emulator/emulator.h"
 #include "switcher_emulator/splitter.h"
 
 // The emulator on the network: one listening socket, one client at a time,
 // a select-based step, stdin controls and deterministic fault injection.
-
-// Faults, each off by default; every random choice comes from seed.
-struct emulator_faults {
-  std::uint64_t seed = 1;
-  std::uint32_t close_after = 0;     // close on the Nth frame of a connection; 0: never
-  std::uint32_t close_random = 0;    // close on a frame with a 1-in-N chance; 0: never
-  std::int64_t silent_after = -1;    // ignore frames after the Nth of a connection; -1: never
-  bool ack_only = false;             // answer every frame with a bare ACK, do nothing
-  std::uint32_t delay_ms = 0;        // hold every answer back this long
-  std::uint32_t delay_jitter_ms = 0; // plus 0 to this many ms more
-  bool split_writes = false;         // one byte per write
-  std::uint32_t garbage = 0;         // 1 to N stray bytes before every frame; 0: none
-  std::uint32_t corrupt_random = 0;  // wrong checksum with a 1-in-N chance; 0: never
-  std::uint32_t refuse_ms = 0;       // reset every connection this long after opening
-};
 
 struct server_options {
   std::string bind_address = "127.0.0.1";  // numeric IPv4 only
@@ -32,7 +18,9 @@ struct server_options {
   std::int64_t rename_after_ms = -1;       // after the first client; -1: never
   bool verbose = false;                    // one stderr line per frame and event
   bool control_stdin = false;              // read control lines from descriptor 0
-  emulator_faults faults;
+  emulator_faults faults;                  // set aside while chaos is on
+  bool chaos = false;                      // start with chaos on
+  std::uint32_t chaos_slice_ms = 3000;     // mean length of a chaos slice
 };
 
 // Bytes waiting for the client; written from sent onwards once due.
@@ -53,6 +41,11 @@ struct emulator_server {
   std::deque<server_chunk> tx;  // in due order
   std::size_t tx_bytes = 0;     // unsent bytes in tx
   std::uint64_t rng = 0;
+  emulator_faults faults;       // in force: opt.faults, or the chaos slice's
+  bool chaos_on = false;
+  std::uint64_t chaos_rng = 0;  // draws the slices, and nothing else
+  us_time_t chaos_until = 0;    // end of the current slice; 0: draw one now
+  us_time_t chaos_refuse_until = 0;
   std::uint64_t frames_in = 0;  // good frames received on this connection
   us_time_t refuse_until = 0;
   us_time_t rename_at = 0;      // 0: not armed
@@ -69,6 +62,10 @@ struct emulator_server {
 // One pass: waits at most max_wait_ms for the client, new connections and
 // stdin, and handles what arrived and what fell due.
 void server_step(emulator_server& s, int max_wait_ms);
+
+// Turns chaos on (a first slice is drawn at the next step) or off (the fault
+// options are back in force at once, and nobody is refused any more).
+void server_set_chaos(emulator_server& s, bool on);
 
 // Closes the client and the listening socket.
 void server_close(emulator_server& s);
