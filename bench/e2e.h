@@ -20,7 +20,8 @@ struct e2e_options {
 };
 
 // Synchronisation time for 16, 256 and 1024 destinations and sources, then
-// CPU time at rest and peak memory of the 1024 one.
+// CPU time at rest and peak memory of the 1024 one, and the CPU time at rest
+// of a backend whose standard error is /dev/null.
 void run_sync_benchmarks(const bench_paths& paths, const e2e_options& opt,
                          std::vector<bench_row>& rows);
 
