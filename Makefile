@@ -1,5 +1,5 @@
 # Thin wrapper over CMake presets; see README.md.
-.PHONY: all build test test-asan demo clean
+.PHONY: all build test test-asan demo bench bench-prereqs clean
 
 all: build
 
@@ -26,6 +26,26 @@ SOAK_SECONDS ?= 60
 SOAK_SEED ?= 1
 soak: build
 	./build/dev/tools/soak --seconds $(SOAK_SECONDS) --seed $(SOAK_SEED)
+
+# Micro-benchmarks and end-to-end runs against the switcher emulator, printed
+# as one table (bench/RESULTS.md holds a saved run). The build log is shown
+# only when the build fails.
+bench: bench-prereqs
+	@cmake --preset bench >/dev/null
+	@cmake --build --preset bench >build/bench-build.log 2>&1 || { cat build/bench-build.log; exit 1; }
+	@build/bench/bench/zeph_bench
+
+# Google Benchmark is needed to build; strace only for the system-call count,
+# which is skipped without it. Installed when missing and we may.
+bench-prereqs:
+	@need=""; \
+	[ -f /usr/include/benchmark/benchmark.h ] || need="$$need libbenchmark-dev"; \
+	command -v strace >/dev/null || need="$$need strace"; \
+	if [ -n "$$need" ]; then \
+	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null; then \
+	    (apt-get update -qq && apt-get install -y -qq $$need) >/dev/null || true; \
+	  else echo "bench: not installed:$$need" >&2; fi; \
+	fi
 
 clean:
 	rm -rf build
