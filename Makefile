@@ -1,5 +1,5 @@
 # Thin wrapper over CMake presets; see README.md.
-.PHONY: all build test test-asan demo bench bench-prereqs clean
+.PHONY: all build test test-asan demo bench bench-prereqs fuzz clean
 
 all: build
 
@@ -16,6 +16,14 @@ test-asan:
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan
 	ctest --preset asan
+
+# libFuzzer targets (clang, AddressSanitizer, UndefinedBehaviorSanitizer):
+# replay the kept regression inputs, then fuzz each target for FUZZ_SECONDS.
+FUZZ_SECONDS ?= 60
+fuzz:
+	cmake --preset fuzz >/dev/null
+	cmake --build --preset fuzz
+	./fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
 demo: build
 	./tools/demo.sh build/dev
