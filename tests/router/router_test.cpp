@@ -256,6 +256,24 @@ TEST_F(RouterLinkTest, ConnectCompletedLaterThenWatchdog) {
   EXPECT_EQ("", stderr_of(connection_connect));
 }
 
+TEST_F(RouterLinkTest, RefusedConnectRetriedOnlyAfterFiveSeconds) {
+  connection_set_target_for_test("127.0.0.1", unused_loopback_port());
+  // Loopback refuses at once or on the completion check: either way the
+  // attempt ends refused and closed, and the next one waits 5 s.
+  const auto attempt = [] {
+    return stderr_of([] {
+      connection_connect();
+      for (int i = 0; i < 1000 && connection_connect_in_progress(); ++i) connection_poll();
+    });
+  };
+  const std::string refused = "Connection refused\n<NOTE>Connection to router closed\n";
+  EXPECT_NE(std::string::npos, attempt().find(refused));
+  EXPECT_EQ("", attempt());
+  connection_set_next_connect_time_for_test(monotonic_now_us());
+  EXPECT_NE(std::string::npos, attempt().find(refused));
+  EXPECT_FALSE(flag_is_set(process_flag::sync_needed));
+}
+
 TEST_F(RouterLinkTest, RepliesEndAsTheirSequenceFlagsSay) {
   struct Case {
     const char* name;
