@@ -72,10 +72,17 @@ TEST_F(BackendTest, ServesParentUntilEndOfInput) {
       "*COMMAND=set\n*TYPE=message\nname=outputs\nvalue=4\n\n"
       "*COMMAND=route output\n*TYPE=command\n*ID=41\nfrom input=9\nqueue=add\nto output=3\n\n"
       "*COMMAND=report\n*TYPE=reply\n*ID=44\nwhat=inputs\n\n"
-      "*COMMAND=Report\n*TYPE=command\n*ID=46\n\n");
+      "*COMMAND=route output\n*TYPE=message\n*ID=45\n\n"
+      "*COMMAND=report\n*TYPE=command\n*ID=46\nwhat=levels\n\n"
+      "*COMMAND=Report\n*TYPE=command\n*ID=47\n\n");
   EXPECT_NE(std::string::npos, read_record(backend_, wait_ms).find("\noutputs=4\n"));
   EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=41\n", read_record(backend_, wait_ms));
-  EXPECT_EQ("*COMMAND=Report\n*ERROR=Unknown command Report\n*TYPE=reply\n*ID=46\n",
+  EXPECT_EQ("*COMMAND=route output\n*ERROR=Message route output ignored\n*TYPE=reply\n*ID=45\n",
+            read_record(backend_, wait_ms));
+  EXPECT_EQ("*COMMAND=report\n*ERROR=I do not recognize what you are asking for\n*TYPE=reply\n"
+            "*ID=46\n",
+            read_record(backend_, wait_ms));
+  EXPECT_EQ("*COMMAND=Report\n*ERROR=Unknown command Report\n*TYPE=reply\n*ID=47\n",
             read_record(backend_, wait_ms));
   EXPECT_NE("", wait_for_stderr(backend_, "outputs to 4", wait_ms));
   // Lines the channel ignores or holds unanswered, NUL included, then the end.
