@@ -1,7 +1,8 @@
 #include "switcher_emulator/emulator.h"
 
-#include <cstdio>
 #include <cstring>
+
+#include "router/hex.h"
 
 namespace {
 
@@ -15,12 +16,6 @@ constexpr const char* er_range = "03";      // number names nothing on this swit
 // checksum; lists are cut into messages that stay within it.
 constexpr std::size_t max_bytes_before_checksum = 1015;
 constexpr std::size_t header_bytes = 5;  // SOH, protocol, seq, two letters
-
-std::string hex(std::uint64_t v) {
-  char buf[24];
-  std::snprintf(buf, sizeof buf, "%llX", static_cast<unsigned long long>(v));
-  return buf;
-}
 
 // Reads 1 to 8 hexadecimal digits, either case, and nothing else.
 bool parse_hex(const std::string& text, std::uint64_t& value) {
@@ -74,7 +69,7 @@ std::vector<router_message> names_reply(const char* kind,
   const std::size_t fixed = header_bytes + 1 + std::strlen(kind) + 1 + 3;
   std::size_t used = fixed;
   auto flush = [&]() {
-    std::vector<std::string> params = {kind, hex(count)};
+    std::vector<std::string> params = {kind, hex_parameter(count)};
     params.insert(params.end(), pending.begin(), pending.end());
     router_message m = reply("NQ", std::move(params));
     m.seq = '1';
@@ -100,7 +95,7 @@ std::vector<router_message> names_reply(const char* kind,
 std::string level_mask(const emulator_config& cfg) {
   std::uint32_t mask = 0;
   for (const emulator_level& l : cfg.levels) mask |= 1u << (l.number & 31);
-  return hex(mask);
+  return hex_parameter(mask);
 }
 
 std::vector<router_message> answer_qn(const emulator_config& cfg, const emulator_state& st,
@@ -108,7 +103,7 @@ std::vector<router_message> answer_qn(const emulator_config& cfg, const emulator
   std::vector<std::vector<std::string>> groups;
   const std::string kind = req.parameters.empty() ? "" : req.parameters[0];
   if (kind == "L") {
-    for (const emulator_level& l : cfg.levels) groups.push_back({l.name, hex(l.number), "0"});
+    for (const emulator_level& l : cfg.levels) groups.push_back({l.name, hex_parameter(l.number), "0"});
     return names_reply("L", groups);
   }
   if (kind != "IS" && kind != "ID") return {error_reply(er_bad_param, req)};
@@ -117,7 +112,7 @@ std::vector<router_message> answer_qn(const emulator_config& cfg, const emulator
   const std::uint64_t base = dest ? cfg.output_base : cfg.input_base;
   const std::string mask = level_mask(cfg);
   for (std::size_t i = 0; i < names.size(); ++i) {
-    groups.push_back({names[i], hex(base + i), "0", mask});
+    groups.push_back({names[i], hex_parameter(base + i), "0", mask});
   }
   return names_reply(kind.c_str(), groups);
 }
@@ -126,7 +121,7 @@ std::vector<router_message> answer_qd(const emulator_config& cfg, emulator_state
   std::vector<router_message> out;
   for (std::size_t i = 0; i < st.changed.size(); ++i) {
     if (!st.changed[i]) continue;
-    router_message m = reply("DQ", {st.output_names[i], hex(cfg.output_base + i)});
+    router_message m = reply("DQ", {st.output_names[i], hex_parameter(cfg.output_base + i)});
     m.seq = '1';
     out.push_back(std::move(m));
     st.changed[i] = false;
@@ -145,7 +140,7 @@ std::vector<router_message> answer_bk(const emulator_config& cfg, emulator_state
   if (what == "N") return {reply("KB", {"N", cfg.model})};
   if (what == "R") return {reply("KB", {"R", cfg.firmware_revision})};
   if (what == "T") return {reply("KB", {"T", cfg.firmware_type})};
-  if (what == "F") return {reply("KB", {"F", hex(st.change_flags)})};
+  if (what == "F") return {reply("KB", {"F", hex_parameter(st.change_flags)})};
   if (what == "I" || what == "E") {
     return {p.size() >= 2 ? done : error_reply(er_bad_param, req)};
   }
@@ -173,7 +168,7 @@ std::vector<router_message> answer_qi(const emulator_config& cfg, const emulator
   }
   // Destination, level, lock and protect flags (never set here), source.
   const std::uint64_t src = cfg.input_base + st.routes[dest - cfg.output_base];
-  return {reply("IQ", {hex(dest), hex(level), "0", "0", hex(src)})};
+  return {reply("IQ", {hex_parameter(dest), hex_parameter(level), "0", "0", hex_parameter(src)})};
 }
 
 std::vector<router_message> answer_ti(const emulator_config& cfg, emulator_state& st,
