@@ -28,8 +28,6 @@ constexpr us_time_t route_budget_us = 5000000;     // all "QI" of one request
 constexpr std::uint64_t source_names_changed = 0x10;
 constexpr std::uint64_t dest_names_changed = 0x04;
 
-bool link_ready() { return connection_is_open() && !connection_connect_in_progress(); }
-
 using table_update = void (*)(const std::vector<router_message>&);
 
 // Re-reads one names table; a failed exchange still rebuilds the table from
@@ -83,19 +81,12 @@ bool mark_changed_outputs(const std::vector<router_message>& response,
   return found;
 }
 
-// Re-reads the route of every changed output under one budget. The query
-// carries the position counted from 1, not the switcher's own number.
+// Re-reads the route of every changed output under one budget.
 void query_changed_routes(const std::vector<bool>& changed) {
   const us_time_t budget = monotonic_now_us() + route_budget_us;
-  std::vector<router_message> response;
   for (std::uint64_t i = 0;
        i < active_outputs() && i < router_output_count() && i < changed.size(); ++i) {
-    if (!changed[i]) continue;
-    poll_parent_message();
-    connection_poll();
-    router_message msg = make_router_request("QI", {hex_parameter(i + 1), "0"});
-    (void)do_timeout_send_and_recv(msg, response, budget);
-    update_route_status(response);
+    if (changed[i]) query_output_route(i, budget);
   }
 }
 
@@ -137,14 +128,23 @@ void drain_unsolicited() {
 }  // namespace
 
 void status_polling_step() {
-  if (!link_ready()) return;
+  if (!connection_ready()) return;
   connection_poll();
-  if (!link_ready()) return;
+  if (!connection_ready()) return;
   if (next_poll != 0 && monotonic_now_us() >= next_poll &&
       !flag_is_set(process_flag::sync_needed)) {
     if (!periodic_status_request()) return;
   }
   drain_unsolicited();
+}
+
+void query_output_route(std::uint64_t position, us_time_t deadline) {
+  poll_parent_message();
+  connection_poll();
+  router_message msg = make_router_request("QI", {hex_parameter(position + 1), "0"});
+  std::vector<router_message> response;
+  (void)do_timeout_send_and_recv(msg, response, deadline);
+  update_route_status(response);
 }
 
 us_time_t next_status_poll() { return next_poll; }

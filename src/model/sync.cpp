@@ -13,7 +13,6 @@
 #include "model/tables.h"
 #include "router/connection.h"
 #include "router/exchange.h"
-#include "router/hex.h"
 #include "router/receive.h"
 #include "service/dispatcher.h"
 #include "service/reports.h"
@@ -26,8 +25,6 @@ constexpr us_time_t handshake_resend_us = 100000;
 constexpr us_time_t query_deadline_us = 3000000;
 constexpr us_time_t route_budget_us = 5000000;
 constexpr us_time_t first_poll_delay_us = 350000;
-
-bool link_ready() { return connection_is_open() && !connection_connect_in_progress(); }
 
 // One request-reply step of the sequence: serve the parent, poll the link,
 // then the exchange. True when a complete reply arrived.
@@ -141,20 +138,13 @@ bool setup_and_names(std::vector<router_message>& response) {
   return true;
 }
 
-// Asks for the route of every active output under one budget; the query
-// carries the position counted from 1.
-void query_all_routes(std::vector<router_message>& response) {
+// Asks for the route of every active output under one budget.
+void query_all_routes() {
   const us_time_t budget = monotonic_now_us() + route_budget_us;
-  for (std::uint64_t i = 0; i < active_outputs(); ++i) {
-    poll_parent_message();
-    connection_poll();
-    router_message msg = make_router_request("QI", {hex_parameter(i + 1), "0"});
-    (void)do_timeout_send_and_recv(msg, response, budget);
-    update_route_status(response);
-  }
+  for (std::uint64_t i = 0; i < active_outputs(); ++i) query_output_route(i, budget);
 }
 
-void hand_over(std::vector<router_message>& response) {
+void hand_over() {
   set_next_status_poll(monotonic_now_us() + first_poll_delay_us);
   if (flag_is_set(process_flag::counts_changed)) {
     recompute_active_counts();
@@ -166,7 +156,7 @@ void hand_over(std::vector<router_message>& response) {
   send_route_changes();
   clear_flag(process_flag::info_report_needed);
   send_info_report();
-  query_all_routes(response);
+  query_all_routes();
   send_routing_report();
 }
 
@@ -175,7 +165,7 @@ void hand_over(std::vector<router_message>& response) {
 void initial_sync() {
   connection_poll();
   drain_received_queue();
-  if (!link_ready()) {
+  if (!connection_ready()) {
     connection_close();
     return;
   }
@@ -196,5 +186,5 @@ void initial_sync() {
   std::vector<router_message> response;
   if (!learn_identity(response)) return;
   if (!setup_and_names(response)) return;
-  hand_over(response);
+  hand_over();
 }

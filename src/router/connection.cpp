@@ -184,6 +184,7 @@ bool connection_is_open() { return sock >= 0; }
 int connection_socket() { return sock; }
 bool connection_connect_in_progress() { return connect_in_progress; }
 bool connection_tx_pending() { return !tx_buffer.empty(); }
+bool connection_ready() { return sock >= 0 && !connect_in_progress; }
 
 void connection_mark_activity(us_time_t now) { last_activity_time = now; }
 

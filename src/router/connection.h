@@ -35,6 +35,8 @@ void connection_queue_and_write(const char* bytes, std::size_t n);
 [[nodiscard]] bool connection_connect_in_progress();
 // The transmit buffer holds bytes (written or not) it has not released yet.
 [[nodiscard]] bool connection_tx_pending();
+// A socket is open and connected: exchanges can start.
+[[nodiscard]] bool connection_ready();
 
 // The receive parser's sign of life for the watchdog.
 void connection_mark_activity(us_time_t now);

@@ -3,18 +3,14 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "frame/clock.h"
 #include "frame/config.h"
 #include "frame/flags.h"
 #include "model/route_change.h"
-#include "model/tables.h"
+#include "model/polling.h"
 #include "parent/channel.h"
 #include "router/connection.h"
-#include "router/exchange.h"
-#include "router/hex.h"
-#include "router/message.h"
 #include "service/route_queue.h"
 
 // Every handler below copies what it needs from the request before it calls
@@ -80,21 +76,12 @@ void handle_route_request(const parent_message& request) {
   parent_send(reply);
 }
 
-// Asks the switcher for the source of every active output, p counted from 1,
+// Asks the switcher for the source of every active output, one at a time,
 // serving the parent between the queries.
 void run_output_status_loop() {
   const us_time_t deadline = monotonic_now_us() + output_status_timeout_us;
   // The count is read again on every pass: a nested "set" may change it.
-  for (std::uint64_t p = 1; p - 1 < active_outputs(); ++p) {
-    poll_parent_message();
-    connection_poll();
-    router_message msg = make_router_request("QI", {hex_parameter(p), hex_parameter(0)});
-    std::vector<router_message> response;
-    // A failed exchange closes the link; the remaining queries then fail at
-    // once, and whatever did arrive is still taken.
-    static_cast<void>(do_timeout_send_and_recv(msg, response, deadline));
-    update_route_status(response);
-  }
+  for (std::uint64_t p = 0; p < active_outputs(); ++p) query_output_route(p, deadline);
 }
 
 void handle_report_request(const parent_message& request) {
@@ -103,8 +90,7 @@ void handle_report_request(const parent_message& request) {
     parent_send(make_reply("", request.id));
   } else if (what == "outputs") {
     const parent_message reply = make_reply("", request.id);
-    if (connection_is_open() && !connection_connect_in_progress() &&
-        !flag_is_set(process_flag::sync_needed)) {
+    if (connection_ready() && !flag_is_set(process_flag::sync_needed)) {
       run_output_status_loop();
     }
     parent_send(reply);

@@ -33,8 +33,7 @@ constexpr us_time_t queue_timeout_sanity_us = 10'000'000;
 constexpr us_time_t flush_allow_sanity_us = 1'000'000;
 
 bool link_ready_for_batch() {
-  return connection_is_open() && !connection_connect_in_progress() &&
-         !flag_is_set(process_flag::sync_needed);
+  return connection_ready() && !flag_is_set(process_flag::sync_needed);
 }
 
 // Empties the send queue into one slot per active output, a later change for
