@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "frame/clock.h"
+#include "base/clock.h"
 #include "support/process.h"
 #include "support/temp_file.h"
 

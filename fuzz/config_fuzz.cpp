@@ -24,8 +24,8 @@
 #include <cstdio>
 #include <string>
 
-#include "frame/config.h"
-#include "frame/flags.h"
+#include "base/config.h"
+#include "base/flags.h"
 #include "fuzz_support.h"
 
 namespace {
@@ -64,7 +64,7 @@ void check_applied(const config_map& map) {
   reset_configuration();
   clear_flags();
   for (const auto& [key, value] : map) apply_config_key(key, value);
-  recompute_active_counts();
+  recompute_active_counts(0, 0);
   const auto address = map.find("ip address");
   FUZZ_CHECK(router_address() == (address == map.end() ? std::string() : address->second));
   FUZZ_CHECK(active_inputs() <= max_active_count && active_outputs() <= max_active_count);
@@ -72,7 +72,7 @@ void check_applied(const config_map& map) {
   // Applying the same values again changes nothing.
   clear_flags();
   for (const auto& [key, value] : map) apply_config_key(key, value);
-  recompute_active_counts();
+  recompute_active_counts(0, 0);
   FUZZ_CHECK(!any_flag_raised());
 }
 

@@ -21,15 +21,14 @@
 
 #include "fuzz_support.h"
 #include "router/message.h"
+#include "router/protocol.h"
 #include "router/receive.h"
 
 namespace {
 
-constexpr std::size_t max_body_bytes = 4096;
-
 std::vector<router_message> drain_queue() {
   std::vector<router_message> out;
-  while (!received_queue_empty()) out.push_back(connection_recvmsg());
+  while (!received_queue_empty()) out.push_back(receive_take_message());
   return out;
 }
 
@@ -44,12 +43,7 @@ bool same_message(const router_message& a, const router_message& b) {
   return same_command(a, b) && a.raw == b.raw;
 }
 
-int hex_or_zero(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return 0;
-}
+int hex_or_zero(char c) { return hex_value(c) < 0 ? 0 : hex_value(c); }
 
 void check_message(const router_message& m) {
   FUZZ_CHECK(m.raw.size() <= max_body_bytes);
@@ -65,8 +59,8 @@ void check_message(const router_message& m) {
     return;
   }
   // A command: at least its checksum field, which must match.
-  FUZZ_CHECK(m.raw.size() >= 2);
-  const std::size_t covered = m.raw.size() - 2;
+  FUZZ_CHECK(m.raw.size() >= checksum_field_bytes);
+  const std::size_t covered = m.raw.size() - checksum_field_bytes;
   const int field = hex_or_zero(m.raw[covered]) * 16 + hex_or_zero(m.raw[covered + 1]);
   FUZZ_CHECK(router_checksum(m.raw.data(), covered) == field);
   FUZZ_CHECK(m.protocol == m.raw[0] && m.seq == m.raw[1]);

@@ -1,5 +1,5 @@
 // Process entry and the glue between the subsystems.
-#include "frame/process.h"
+#include "app/process.h"
 #include "router/exchange.h"
 #include "service/dispatcher.h"
 

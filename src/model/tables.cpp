@@ -3,9 +3,9 @@
 #include <cassert>
 #include <cstdlib>
 
-#include "frame/config.h"
-#include "frame/diag.h"
-#include "frame/flags.h"
+#include "base/config.h"
+#include "base/diag.h"
+#include "base/flags.h"
 
 namespace {
 
@@ -168,6 +168,8 @@ void update_levels_info(const std::vector<router_message>& response) {
     router_levels[number] = rawmsg.parameters[i];
   });
 }
+
+void update_active_counts() { recompute_active_counts(inputs.count, outputs.count); }
 
 void update_route_status(const std::vector<router_message>& response) {
   for (const router_message& msg : response) {

@@ -36,6 +36,10 @@ void update_dest_info(const std::vector<router_message>& response);
 void update_sources_info(const std::vector<router_message>& response);
 void update_levels_info(const std::vector<router_message>& response);
 
+// Recomputes the active counts from the configuration and the counts these
+// tables hold.
+void update_active_counts();
+
 // Turns every usable "IQ" reply in response into an accepted route change.
 void update_route_status(const std::vector<router_message>& response);
 
@@ -46,5 +50,6 @@ void accept_route_change(std::int32_t output, std::int32_t input);
 [[nodiscard]] bool accepted_route_changes_empty();
 [[nodiscard]] route_change take_accepted_route_change();
 
-// Empties every table and text and zeroes the counts and bases. For tests.
+// Test hooks.
+// Empties every table and text and zeroes the counts and bases.
 void reset_router_tables();

@@ -30,6 +30,7 @@ void parent_send(const parent_message& msg);
 // Adds descriptors 0, 1 and 2 to set and raises *nfds to at least 3.
 void parent_add_read_fds(fd_set* set, int* nfds);
 
-// Points the channel at other descriptors and resets its state. For tests,
-// which cannot hand over the test runner's own standard input and output.
+// Test hooks.
+// Points the channel at other descriptors and resets its state: tests cannot
+// hand over the test runner's own standard input and output.
 void parent_channel_use_fds_for_test(int in_fd, int out_fd);

@@ -9,14 +9,16 @@
 #include <cerrno>
 #include <cstring>
 
-#include "frame/config.h"
-#include "frame/diag.h"
-#include "frame/flags.h"
+#include "base/config.h"
+#include "base/diag.h"
+#include "base/flags.h"
+#include "router/protocol.h"
 #include "router/receive.h"
 
 namespace {
 
-constexpr std::uint16_t default_router_port = 12345;
+// At most this much is read per call, so a busy switcher cannot hold a caller.
+constexpr std::size_t read_chunk_bytes = 4096;
 // Two attempts start at least this far apart, however they ended.
 constexpr us_time_t connect_retry_interval_us = 5000000;
 // How long one check of a connect in progress may wait for its outcome.
@@ -180,16 +182,36 @@ void connection_queue_and_write(const char* bytes, std::size_t n) {
   flush_tx_buffer();
 }
 
+void connection_read() {
+  if (sock < 0) return;
+  char buf[read_chunk_bytes];
+  errno = 0;
+  const ssize_t n = read(sock, buf, sizeof buf);
+  if (n == 0) {
+    diag("<NOTE>Connection suddenly dropped\n");
+    connection_close();
+  } else if (n < 0) {
+    if (errno == EAGAIN) return;
+    diag("<NOTE>Connection problem, %s\n", std::strerror(errno));
+    connection_close();
+  } else if (receive_bytes(buf, static_cast<std::size_t>(n)) > 0) {
+    last_activity_time = monotonic_now_us();
+  }
+}
+
+router_message connection_recvmsg() {
+  // Reading first lets a waiting caller see what arrived since its last poll.
+  connection_read();
+  return receive_take_message();
+}
+
 bool connection_is_open() { return sock >= 0; }
 int connection_socket() { return sock; }
 bool connection_connect_in_progress() { return connect_in_progress; }
 bool connection_tx_pending() { return !tx_buffer.empty(); }
 bool connection_ready() { return sock >= 0 && !connect_in_progress; }
 
-void connection_mark_activity(us_time_t now) { last_activity_time = now; }
-
 void connection_set_last_activity_for_test(us_time_t t) { last_activity_time = t; }
-us_time_t connection_last_activity_for_test() { return last_activity_time; }
 void connection_set_next_connect_time_for_test(us_time_t t) { next_connect_time = t; }
 us_time_t connection_next_connect_time_for_test() { return next_connect_time; }
 

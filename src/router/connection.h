@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <string>
 
-#include "frame/clock.h"
+#include "base/clock.h"
+#include "router/message.h"
 
 // The one TCP connection to the switcher: non-blocking connect retried every
 // 5 s, a transmit buffer flushed one write at a time, a 20 s watchdog.
@@ -22,6 +23,16 @@ void connection_poll();
 // connect_in_progress and both timers.
 void connection_close();
 
+// One non-blocking read of at most 4096 bytes from the switcher socket, every
+// byte fed to the receive parser; a message completed marks the link alive.
+// End of stream and read failures close the connection. Does nothing when no
+// socket is open.
+void connection_read();
+
+// Reads, then removes and returns the oldest received message; a cleared
+// record (empty raw) when nothing is queued.
+[[nodiscard]] router_message connection_recvmsg();
+
 // Appends frame bytes to the transmit buffer and makes one write of
 // everything unwritten. A broken connection is logged and closed. Does
 // nothing when no socket is open.
@@ -38,15 +49,11 @@ void connection_queue_and_write(const char* bytes, std::size_t n);
 // A socket is open and connected: exchanges can start.
 [[nodiscard]] bool connection_ready();
 
-// The receive parser's sign of life for the watchdog.
-void connection_mark_activity(us_time_t now);
-
 // Test hooks: the watchdog's and the retry timer's reference times, an
 // address and port used instead of the configured ones, and a return of the
 // whole link state to its start-up shape (closing any socket, dropping the
 // target override).
 void connection_set_last_activity_for_test(us_time_t t);
-[[nodiscard]] us_time_t connection_last_activity_for_test();
 void connection_set_next_connect_time_for_test(us_time_t t);
 [[nodiscard]] us_time_t connection_next_connect_time_for_test();
 void connection_set_target_for_test(const std::string& address, std::int32_t port);

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-#include "frame/diag.h"
+#include "base/diag.h"
 #include "router/connection.h"
 #include "router/receive.h"
 
@@ -85,6 +85,20 @@ bool do_timeout_send_and_recv(router_message& msg, std::vector<router_message>& 
   }
   assert(!response.empty() && response.size() > 0);
   return true;
+}
+
+bool request_reply(std::vector<router_message>& response, const char* request,
+                   std::vector<std::string> parameters, us_time_t deadline) {
+  router_message msg = make_router_request(request, std::move(parameters));
+  return do_timeout_send_and_recv(msg, response, deadline);
+}
+
+bool query_step(std::vector<router_message>& response, const char* request,
+                std::vector<std::string> parameters, us_time_t deadline, const char* note) {
+  serve_parent_once();
+  connection_poll();
+  if (note != nullptr) diag("%s", note);
+  return request_reply(response, request, std::move(parameters), deadline);
 }
 
 void drain_received_queue() {

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <string>
 #include <vector>
 
-#include "frame/clock.h"
+#include "base/clock.h"
 #include "router/message.h"
 
 // Putting messages on the wire and waiting for replies.
@@ -20,6 +21,18 @@
 [[nodiscard]] bool do_timeout_send_and_recv(router_message& msg,
                                             std::vector<router_message>& response,
                                             us_time_t deadline);
+
+// Builds the command request with its parameters and exchanges it under
+// deadline; the result of do_timeout_send_and_recv.
+[[nodiscard]] bool request_reply(std::vector<router_message>& response, const char* request,
+                                 std::vector<std::string> parameters, us_time_t deadline);
+
+// One query step, as every caller that waits between queries makes it:
+// serves one waiting parent message, polls the link, then request_reply().
+// note, when given, is a diagnostic line written just before the exchange.
+[[nodiscard]] bool query_step(std::vector<router_message>& response, const char* request,
+                              std::vector<std::string> parameters, us_time_t deadline,
+                              const char* note = nullptr);
 
 // Discards every queued received message, polling the link and sleeping
 // 10 ms after each one.

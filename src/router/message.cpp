@@ -4,18 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "frame/diag.h"
-
-namespace {
-
-// A non-empty parameter is copied only if the frame through its end stays
-// within this many bytes, leaving room for a separator, two checksum digits,
-// EOT and NUL.
-constexpr std::size_t max_frame_before_checksum = 1015;
-
-char hex_digit(unsigned v) { return "0123456789ABCDEF"[v & 0xF]; }
-
-}  // namespace
+#include "base/diag.h"
 
 void reset_router_message(router_message& msg) {
   msg.protocol = '\0';

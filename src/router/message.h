@@ -6,16 +6,9 @@
 #include <string>
 #include <vector>
 
-// Control bytes of the Native Protocol.
-inline constexpr char soh = 0x01;
-inline constexpr char eot = 0x04;
-inline constexpr char ack_byte = 0x06;
-inline constexpr char tab = 0x09;
-inline constexpr char nak_byte = 0x15;
+#include "router/protocol.h"
 
-// Frames are built in a buffer of this size; a command frame is at most 1018
-// bytes, the rest is room for the terminating NUL.
-inline constexpr std::size_t max_frame_bytes = 1024;
+// A frame as built for sending: NUL-terminated text.
 using router_frame = std::array<char, max_frame_bytes>;
 
 // One Native Protocol message, sent or received.

@@ -1,38 +1,21 @@
 #include "router/receive.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <deque>
 #include <utility>
 
-#include "frame/clock.h"
-#include "frame/diag.h"
-#include "router/connection.h"
+#include "base/diag.h"
+#include "router/protocol.h"
 
 namespace {
-
-// At most this much is read per call, so a busy switcher cannot hold a caller.
-constexpr std::size_t read_chunk_bytes = 4096;
-// The longest body kept between lead byte and EOT; one more byte is over-long.
-constexpr std::size_t max_body_bytes = 4096;
-// A body ends in two checksum characters.
-constexpr std::size_t checksum_field_bytes = 2;
 
 enum class receive_state : std::int32_t { idle = 0, in_message = 1, skip_to_eot = 2 };
 
 receive_state state = receive_state::idle;
 router_message incoming;               // the message being assembled
 std::deque<router_message> received;  // completed messages, oldest first
-
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
+// Messages completed (queued or rejected) by the current receive_bytes call.
+std::size_t completed = 0;
 
 // The value of the leading hexadecimal digits of text, 0 when there are none.
 // Accumulated as unsigned 32 bits, so overlong runs wrap; stored as signed.
@@ -46,10 +29,11 @@ std::int32_t leading_hex_value(const std::string& text) {
   return static_cast<std::int32_t>(v);
 }
 
-// Every completed message, queued or rejected, is a sign of life.
+// Every completed message, queued or rejected, is a sign of life; the
+// connection learns of it from receive_bytes' count.
 void finish_message() {
   reset_router_message(incoming);
-  connection_mark_activity(monotonic_now_us());
+  ++completed;
 }
 
 void complete_nak() {
@@ -183,24 +167,8 @@ void take_message_byte(char byte) {
 
 }  // namespace
 
-void connection_read() {
-  if (!connection_is_open()) return;
-  char buf[read_chunk_bytes];
-  errno = 0;
-  const ssize_t n = read(connection_socket(), buf, sizeof buf);
-  if (n == 0) {
-    diag("<NOTE>Connection suddenly dropped\n");
-    connection_close();
-  } else if (n < 0) {
-    if (errno == EAGAIN) return;
-    diag("<NOTE>Connection problem, %s\n", std::strerror(errno));
-    connection_close();
-  } else {
-    receive_bytes(buf, static_cast<std::size_t>(n));
-  }
-}
-
-void receive_bytes(const char* bytes, std::size_t n) {
+std::size_t receive_bytes(const char* bytes, std::size_t n) {
+  completed = 0;
   for (std::size_t i = 0; i < n; ++i) {
     switch (state) {
       case receive_state::idle:
@@ -217,11 +185,10 @@ void receive_bytes(const char* bytes, std::size_t n) {
         break;
     }
   }
+  return completed;
 }
 
-router_message connection_recvmsg() {
-  // Reading first lets a waiting caller see what arrived since its last poll.
-  connection_read();
+router_message receive_take_message() {
   if (received.empty()) return router_message{};
   router_message msg = std::move(received.front());
   received.pop_front();

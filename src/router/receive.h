@@ -4,20 +4,18 @@
 
 #include "router/message.h"
 
-// The receive side of the switcher link: bytes are split into ACKs, NAKs and
-// checksummed messages by a three-state machine; good messages wait in a FIFO.
+// The receive side of the switcher link, bytes in and messages out: a
+// three-state machine splits what the switcher sends into ACKs, NAKs and
+// checksummed messages; good messages wait in a FIFO. It knows no socket:
+// the connection reads and feeds it.
 
-// One non-blocking read of at most 4096 bytes from the switcher socket, every
-// byte fed to the byte machine. End of stream and read failures close the
-// connection. Does nothing when no socket is open.
-void connection_read();
+// Feeds bytes to the byte machine. Returns how many messages they completed,
+// queued or rejected, each a sign of life from the switcher.
+std::size_t receive_bytes(const char* bytes, std::size_t n);
 
-// Feeds bytes to the byte machine, exactly as if they had been read.
-void receive_bytes(const char* bytes, std::size_t n);
-
-// Reads, then removes and returns the oldest queued message; a cleared record
-// (empty raw) when nothing is queued.
-[[nodiscard]] router_message connection_recvmsg();
+// Removes and returns the oldest queued message; a cleared record (empty raw)
+// when nothing is queued.
+[[nodiscard]] router_message receive_take_message();
 
 [[nodiscard]] bool received_queue_empty();
 // Removes and discards the oldest queued message, if any.
@@ -29,5 +27,6 @@ void received_queue_drop_front();
 // received queue is kept. Called when the connection closes.
 void receive_reset();
 
-// Empties the received queue as well. For tests.
+// Test hooks.
+// Empties the received queue as well.
 void receive_reset_for_test();

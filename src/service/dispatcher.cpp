@@ -4,11 +4,11 @@
 #include <cstdlib>
 #include <string>
 
-#include "frame/clock.h"
-#include "frame/config.h"
-#include "frame/flags.h"
+#include "base/clock.h"
+#include "base/config.h"
+#include "base/flags.h"
 #include "model/route_change.h"
-#include "model/polling.h"
+#include "model/route_status.h"
 #include "parent/channel.h"
 #include "router/connection.h"
 #include "service/route_queue.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "frame/config.h"
+#include "base/config.h"
 #include "model/route_change.h"
 #include "model/tables.h"
 #include "parent/channel.h"

@@ -4,13 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "frame/config.h"
-#include "frame/diag.h"
-#include "frame/flags.h"
+#include "base/config.h"
+#include "base/diag.h"
+#include "base/flags.h"
 #include "model/tables.h"
 #include "router/connection.h"
 #include "router/exchange.h"
-#include "router/hex.h"
+#include "router/protocol.h"
 #include "router/message.h"
 
 namespace {
@@ -55,11 +55,11 @@ void send_take_input(const route_change& c) {
                              static_cast<std::uint32_t>(output_base());
   const std::uint32_t src = static_cast<std::uint32_t>(c.input) +
                             static_cast<std::uint32_t>(input_base());
-  router_message msg = make_router_request("TI", {hex_parameter(dest), hex_parameter(src)});
   std::vector<router_message> response;
   // Failures are logged and the connection closed by the exchange; the batch
   // goes on regardless, the switcher's answer changes nothing here.
-  static_cast<void>(do_timeout_send_and_recv(msg, response, queue_timeout_at));
+  static_cast<void>(
+      request_reply(response, "TI", {hex_parameter(dest), hex_parameter(src)}, queue_timeout_at));
 }
 
 }  // namespace

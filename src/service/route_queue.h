@@ -2,7 +2,7 @@
 
 #include <deque>
 
-#include "frame/clock.h"
+#include "base/clock.h"
 #include "model/route_change.h"
 
 // Route changes from the parent: added to a queue, moved to the send queue by
@@ -22,12 +22,12 @@ void send_route_changes();
 void delayed_flush_step();
 
 [[nodiscard]] bool send_queue_empty();
-// Changes added and not yet flushed or discarded, oldest first.
-[[nodiscard]] const std::deque<route_change>& queued_route_changes();
 [[nodiscard]] us_time_t flush_allow();
-[[nodiscard]] us_time_t queue_timeout();
 
-// Test hooks: set the pacing timers, and return everything to start-up.
+// Test hooks: the changes added and not yet flushed or discarded (oldest
+// first), the pacing timers, and a return of everything to start-up.
+[[nodiscard]] const std::deque<route_change>& queued_route_changes();
+[[nodiscard]] us_time_t queue_timeout();
 void set_flush_allow_for_test(us_time_t t);
 void set_queue_timeout_for_test(us_time_t t);
 void reset_route_queues();

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "frame/flags.h"
+#include "base/flags.h"
 #include "router/connection.h"
 #include "router/exchange.h"
 #include "router/receive.h"
@@ -56,7 +56,10 @@ std::string encoded(const router_message& m) {
 // Feeds bytes in one piece or one byte per call; returns the lines written.
 std::string feed(const std::string& bytes, bool bytewise = false) {
   return stderr_of([&] {
-    if (!bytewise) return receive_bytes(bytes.data(), bytes.size());
+    if (!bytewise) {
+      receive_bytes(bytes.data(), bytes.size());
+      return;
+    }
     for (char c : bytes) receive_bytes(&c, 1);
   });
 }

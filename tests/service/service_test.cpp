@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "frame/config.h"
-#include "frame/flags.h"
+#include "base/config.h"
+#include "base/flags.h"
 #include "model/tables.h"
 #include "parent/channel.h"
 #include "router/connection.h"
@@ -67,7 +67,7 @@ void load_tables(const char* base, const char* count) {
   update_sources_info({sources});
   apply_config_key("inputs", count);
   apply_config_key("outputs", count);
-  recompute_active_counts();
+  update_active_counts();
 }
 
 class CommandServiceTest : public ::testing::Test {

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frame/clock.h"
+#include "base/clock.h"
 
 namespace {
 

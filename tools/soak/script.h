@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "frame/clock.h"
+#include "base/clock.h"
 #include "parent/message.h"
 
 // The scripted parent: random route requests and report requests for the

@@ -10,7 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "frame/clock.h"
+#include "base/clock.h"
 #include "soak/run.h"
 #include "switcher_emulator/chaos.h"
 

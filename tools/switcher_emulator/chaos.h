@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "frame/clock.h"
+#include "base/clock.h"
 
 // Chaos mode: time cut into slices of random length, each with one fault
 // chosen at random (or none), drawn from a generator of its own so that a

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "router/hex.h"
+#include "router/protocol.h"
 
 namespace {
 
@@ -12,9 +12,8 @@ constexpr const char* er_unknown = "01";    // command or query not understood
 constexpr const char* er_bad_param = "02";  // parameter missing or not a number
 constexpr const char* er_range = "03";      // number names nothing on this switcher
 
-// encode_router_frame accepts a frame of at most this many bytes before its
-// checksum; lists are cut into messages that stay within it.
-constexpr std::size_t max_bytes_before_checksum = 1015;
+// Lists are cut into messages whose frames stay within
+// max_frame_before_checksum, which encode_router_frame accepts.
 constexpr std::size_t header_bytes = 5;  // SOH, protocol, seq, two letters
 
 // Reads 1 to 8 hexadecimal digits, either case, and nothing else.
@@ -22,11 +21,8 @@ bool parse_hex(const std::string& text, std::uint64_t& value) {
   if (text.empty() || text.size() > 8) return false;
   value = 0;
   for (char c : text) {
-    int d;
-    if (c >= '0' && c <= '9') d = c - '0';
-    else if (c >= 'A' && c <= 'F') d = c - 'A' + 10;
-    else if (c >= 'a' && c <= 'f') d = c - 'a' + 10;
-    else return false;
+    const int d = hex_value(c);
+    if (d < 0) return false;
     value = value * 16 + static_cast<unsigned>(d);
   }
   return true;
@@ -81,7 +77,7 @@ std::vector<router_message> names_reply(const char* kind,
   for (const std::vector<std::string>& g : groups) {
     std::size_t size = 0;
     for (const std::string& p : g) size += 1 + p.size();
-    if (count > 0 && used + size > max_bytes_before_checksum) flush();
+    if (count > 0 && used + size > max_frame_before_checksum) flush();
     pending.insert(pending.end(), g.begin(), g.end());
     used += size;
     ++count;
@@ -267,10 +263,10 @@ bool emulator_rename(const emulator_config& cfg, emulator_state& st, bool output
   const std::size_t pos = number - base;
   names[pos] = name;
   if (output) {
-    st.change_flags |= emulator_flag_dest_names;
+    st.change_flags |= change_flag_dest_names;
     st.changed[pos] = true;
   } else {
-    st.change_flags |= emulator_flag_source_names;
+    st.change_flags |= change_flag_source_names;
     mark_fed_by(st, static_cast<std::uint32_t>(pos));
   }
   return true;

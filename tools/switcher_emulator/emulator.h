@@ -12,8 +12,6 @@
 
 inline constexpr std::uint32_t emulator_max_ports = 1024;  // destinations or sources
 inline constexpr std::size_t emulator_max_name = 64;      // bytes in one name
-inline constexpr std::uint32_t emulator_flag_dest_names = 0x04;
-inline constexpr std::uint32_t emulator_flag_source_names = 0x10;
 
 struct emulator_level {
   std::string name;

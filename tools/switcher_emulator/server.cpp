@@ -12,7 +12,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "frame/diag.h"
+#include "base/diag.h"
 #include "switcher_emulator/control.h"
 
 namespace {

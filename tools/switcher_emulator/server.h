@@ -4,7 +4,7 @@
 #include <deque>
 #include <string>
 
-#include "frame/clock.h"
+#include "base/clock.h"
 #include "switcher_emulator/chaos.h"
 #include "switcher_emulator/emulator.h"
 #include "switcher_emulator/splitter.h"

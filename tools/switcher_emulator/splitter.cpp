@@ -4,13 +4,6 @@
 
 namespace {
 
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 splitter_item bad(const char* reason) {
   splitter_item item;
   item.reason = reason;
@@ -21,8 +14,8 @@ splitter_item bad(const char* reason) {
 
 splitter_item splitter_decode(const std::string& body) {
   // Protocol, seq, two letters and two checksum digits at the least.
-  if (body.size() < 6) return bad("short");
-  const std::size_t covered = body.size() - 2;
+  if (body.size() < 4 + checksum_field_bytes) return bad("short");
+  const std::size_t covered = body.size() - checksum_field_bytes;
   const int hi = hex_value(body[covered]);
   const int lo = hex_value(body[covered + 1]);
   if (hi < 0 || lo < 0 ||
@@ -71,7 +64,7 @@ void splitter_feed(frame_splitter& s, const char* bytes, std::size_t n,
       continue;
     }
     if (s.skipping) continue;
-    if (c == '\0' || s.body.size() == splitter_max_body) {
+    if (c == '\0' || s.body.size() == max_body_bytes) {
       out.push_back(bad(c == '\0' ? "nul" : "long"));
       s.skipping = true;
       s.body.clear();
@@ -79,5 +72,5 @@ void splitter_feed(frame_splitter& s, const char* bytes, std::size_t n,
     }
     s.body.push_back(c);
   }
-  assert(s.body.size() <= splitter_max_body);
+  assert(s.body.size() <= max_body_bytes);
 }

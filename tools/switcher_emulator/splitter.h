@@ -5,19 +5,18 @@
 #include <vector>
 
 #include "router/message.h"
+#include "router/protocol.h"
 
 // Splits the bytes a client sends into Native Protocol messages. A frame is
 // SOH, a body of protocol, seq, two command letters, TAB-led parameters and
 // two checksum digits, then EOT. Bytes outside frames (ACKs, garbage) are
 // skipped; a SOH inside a body starts the frame afresh, so one lost EOT costs
-// one frame only. Memory is bounded by splitter_max_body whatever arrives.
-
-inline constexpr std::size_t splitter_max_body = 4096;
+// one frame only. Memory is bounded by max_body_bytes whatever arrives.
 
 struct frame_splitter {
   bool in_frame = false;  // a SOH was seen and its EOT not yet
   bool skipping = false;  // the current frame is already bad; wait for its EOT
-  std::string body;       // bytes after SOH so far; never above splitter_max_body
+  std::string body;       // bytes after SOH so far; never above max_body_bytes
 };
 
 // One result of the splitter: a good message, or a frame that was dropped.

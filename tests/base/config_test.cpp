@@ -1,4 +1,4 @@
-#include "frame/config.h"
+#include "base/config.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <string>
 #include <tuple>
 
-#include "frame/flags.h"
+#include "base/flags.h"
 #include "support/temp_file.h"
 
 namespace {
@@ -22,7 +22,7 @@ class ConfigTest : public testing::Test {
   }
   std::string Recompute() {
     testing::internal::CaptureStderr();
-    recompute_active_counts();
+    recompute_active_counts(0, 0);
     return testing::internal::GetCapturedStderr();
   }
   temp_dir dir_;

@@ -20,10 +20,10 @@ using config_map = std::map<std::string, std::string>;
 // the address and the port).
 void apply_config_key(const std::string& key, const std::string& value);
 
-// Recomputes the active counts from the configured counts and the switcher's
-// reported counts (capped at 256); logs and raises info_report_needed for each
-// count that changed.
-void recompute_active_counts();
+// Recomputes the active counts from the configured counts and the counts the
+// switcher reported (capped at 256); logs and raises info_report_needed for
+// each count that changed.
+void recompute_active_counts(std::uint64_t reported_inputs, std::uint64_t reported_outputs);
 
 // The metadir for a configuration path, or "" when none can be derived.
 [[nodiscard]] std::string derive_metadir(const std::string& path);
@@ -36,5 +36,6 @@ void recompute_active_counts();
 [[nodiscard]] std::uint64_t active_inputs();
 [[nodiscard]] std::uint64_t active_outputs();
 
-// Puts every setting and active count back to its start-up value. For tests.
+// Test hooks.
+// Puts every setting and active count back to its start-up value.
 void reset_configuration();

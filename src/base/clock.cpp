@@ -1,4 +1,4 @@
-#include "frame/clock.h"
+#include "base/clock.h"
 
 #include <time.h>
 

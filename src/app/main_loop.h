@@ -1,6 +1,6 @@
 #pragma once
 
-#include "frame/clock.h"
+#include "base/clock.h"
 
 // Runs passes of the main loop until a signal asks to quit or the parent
 // channel ends, then closes the switcher connection.

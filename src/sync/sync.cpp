@@ -1,22 +1,21 @@
-#include "model/sync.h"
+#include "sync/sync.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "frame/clock.h"
-#include "frame/config.h"
-#include "frame/diag.h"
-#include "frame/flags.h"
-#include "model/polling.h"
+#include "base/clock.h"
+#include "base/config.h"
+#include "base/diag.h"
+#include "base/flags.h"
+#include "model/route_status.h"
 #include "model/tables.h"
 #include "router/connection.h"
 #include "router/exchange.h"
-#include "router/receive.h"
-#include "service/dispatcher.h"
 #include "service/reports.h"
 #include "service/route_queue.h"
+#include "sync/polling.h"
 
 namespace {
 
@@ -26,17 +25,9 @@ constexpr us_time_t query_deadline_us = 3000000;
 constexpr us_time_t route_budget_us = 5000000;
 constexpr us_time_t first_poll_delay_us = 350000;
 
-// One request-reply step of the sequence: serve the parent, poll the link,
-// then the exchange. True when a complete reply arrived.
-bool query_step(std::vector<router_message>& response, const char* request,
-                std::vector<std::string> parameters, us_time_t deadline) {
-  poll_parent_message();
-  connection_poll();
-  router_message msg = make_router_request(request, std::move(parameters));
-  return do_timeout_send_and_recv(msg, response, deadline);
-}
-
-bool query_step(std::vector<router_message>& response, const char* request,
+// A query step of the sequence with a deadline of its own. True when a
+// complete reply arrived.
+bool sync_query(std::vector<router_message>& response, const char* request,
                 std::vector<std::string> parameters) {
   return query_step(response, request, std::move(parameters),
                     monotonic_now_us() + query_deadline_us);
@@ -48,7 +39,7 @@ bool query_step(std::vector<router_message>& response, const char* request,
 bool handshake(router_message& answer) {
   const us_time_t limit = monotonic_now_us() + handshake_limit_us;
   for (;;) {
-    poll_parent_message();
+    serve_parent_once();
     connection_poll();
     if (monotonic_now_us() >= limit) {
       diag("<ERR>Timeout sending message\n");
@@ -63,7 +54,7 @@ bool handshake(router_message& answer) {
     }
     const us_time_t resend_at = std::min(monotonic_now_us() + handshake_resend_us, limit);
     while (monotonic_now_us() < resend_at) {
-      poll_parent_message();
+      serve_parent_once();
       connection_poll();
       answer = connection_recvmsg();
       // A bare ACK has no body either: keep waiting for a real message.
@@ -88,7 +79,7 @@ bool identity_answer(const std::vector<router_message>& response, const char* le
 
 // Model, revision and type. Returns false when an exchange failed.
 bool learn_identity(std::vector<router_message>& response) {
-  if (!query_step(response, "BK", {"N"})) return false;
+  if (!sync_query(response, "BK", {"N"})) return false;
   std::string model;
   if (identity_answer(response, "N", model)) {
     set_device_model(model);
@@ -115,25 +106,23 @@ bool learn_identity(std::vector<router_message>& response) {
 // The setup commands and the names queries. Returns false when the sequence
 // must be abandoned.
 bool setup_and_names(std::vector<router_message>& response) {
-  if (!query_step(response, "BK", {"I", "15"})) return false;
-  if (!query_step(response, "BK", {"E", "OFF"})) return false;
-  if (!query_step(response, "BK", {"D"})) return false;
+  if (!sync_query(response, "BK", {"I", "15"})) return false;
+  if (!sync_query(response, "BK", {"E", "OFF"})) return false;
+  if (!sync_query(response, "BK", {"D"})) return false;
 
-  const us_time_t deadline = monotonic_now_us() + query_deadline_us;
-  poll_parent_message();
-  connection_poll();
-  router_message msg = make_router_request("QN", {"L"});
-  diag("<DBG>Asking for levels...\n");
-  if (!do_timeout_send_and_recv(msg, response, deadline)) return false;
+  if (!query_step(response, "QN", {"L"}, monotonic_now_us() + query_deadline_us,
+                  "<DBG>Asking for levels...\n")) {
+    return false;
+  }
   update_levels_info(response);
 
   connection_poll();
   drain_received_queue();
   // A failed sources or destinations query still rebuilds its table from
   // what arrived, and the sequence goes on.
-  (void)query_step(response, "QN", {"IS"});
+  (void)sync_query(response, "QN", {"IS"});
   update_sources_info(response);
-  (void)query_step(response, "QN", {"ID"});
+  (void)sync_query(response, "QN", {"ID"});
   update_dest_info(response);
   return true;
 }
@@ -147,7 +136,7 @@ void query_all_routes() {
 void hand_over() {
   set_next_status_poll(monotonic_now_us() + first_poll_delay_us);
   if (flag_is_set(process_flag::counts_changed)) {
-    recompute_active_counts();
+    update_active_counts();
     clear_flag(process_flag::counts_changed);
   }
   // sync_needed is still raised here, so this sends nothing yet; it only

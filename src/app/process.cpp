@@ -1,4 +1,4 @@
-#include "frame/process.h"
+#include "app/process.h"
 
 #include <sys/stat.h>
 
@@ -6,10 +6,11 @@
 #include <cstring>
 #include <string>
 
-#include "frame/config.h"
-#include "frame/diag.h"
-#include "frame/flags.h"
-#include "frame/main_loop.h"
+#include "app/main_loop.h"
+#include "base/config.h"
+#include "base/diag.h"
+#include "base/flags.h"
+#include "model/tables.h"
 #include "parent/channel.h"
 
 namespace {
@@ -92,7 +93,7 @@ bool load_configuration() {
     return false;
   }
   for (const auto& [key, value] : map) apply_config_key(key, value);
-  recompute_active_counts();
+  update_active_counts();
   // The counts are fresh; the first pass need not recompute them.
   clear_flag(process_flag::counts_changed);
   return true;

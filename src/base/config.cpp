@@ -1,4 +1,4 @@
-#include "frame/config.h"
+#include "base/config.h"
 
 #include <sys/file.h>
 
@@ -6,9 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frame/diag.h"
-#include "frame/flags.h"
-#include "model/tables.h"
+#include "base/diag.h"
+#include "base/flags.h"
 
 namespace {
 
@@ -113,11 +112,11 @@ void apply_config_key(const std::string& key, const std::string& value) {
   }
 }
 
-void recompute_active_counts() {
+void recompute_active_counts(std::uint64_t reported_inputs, std::uint64_t reported_outputs) {
   const std::uint64_t old_in = active_in;
   const std::uint64_t old_out = active_out;
-  active_in = active_count(config_inputs, router_input_count());
-  active_out = active_count(config_outputs, router_output_count());
+  active_in = active_count(config_inputs, reported_inputs);
+  active_out = active_count(config_outputs, reported_outputs);
   if (active_in != old_in) {
     diag("<DBG>Changing number of inputs to %u\n", static_cast<unsigned>(active_in));
     raise_flag(process_flag::info_report_needed);

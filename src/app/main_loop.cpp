@@ -1,19 +1,20 @@
-#include "frame/main_loop.h"
+#include "app/main_loop.h"
 
 #include <sys/select.h>
 
 #include <cassert>
 
-#include "frame/config.h"
-#include "frame/flags.h"
-#include "model/polling.h"
-#include "model/sync.h"
+#include "base/config.h"
+#include "base/flags.h"
+#include "model/tables.h"
 #include "parent/channel.h"
 #include "router/connection.h"
 #include "router/receive.h"
 #include "service/dispatcher.h"
 #include "service/reports.h"
 #include "service/route_queue.h"
+#include "sync/polling.h"
+#include "sync/sync.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ void run_steps() {
     clear_flag(process_flag::sync_needed);
   }
   if (flag_is_set(process_flag::counts_changed)) {
-    recompute_active_counts();
+    update_active_counts();
     clear_flag(process_flag::counts_changed);
   }
   report_if_needed(process_flag::info_report_needed, send_info_report);

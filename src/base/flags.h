@@ -20,6 +20,7 @@ void clear_flag(process_flag f);
 [[nodiscard]] bool quit_is_requested();
 void request_quit();
 
+// Test hooks.
 // Puts every flag back to its start-up value (counts_changed and
-// info_report_needed raised, everything else clear). For tests.
+// info_report_needed raised, everything else clear).
 void reset_process_flags();

@@ -1,19 +1,19 @@
-#include "model/polling.h"
+#include "sync/polling.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "frame/config.h"
-#include "frame/diag.h"
-#include "frame/flags.h"
+#include "base/config.h"
+#include "base/diag.h"
+#include "base/flags.h"
+#include "model/route_status.h"
 #include "model/tables.h"
 #include "router/connection.h"
 #include "router/exchange.h"
-#include "router/hex.h"
+#include "router/protocol.h"
 #include "router/receive.h"
-#include "service/dispatcher.h"
 
 namespace {
 
@@ -24,32 +24,21 @@ constexpr us_time_t flags_deadline_us = 2000000;   // "BK" "F" and "QD"
 constexpr us_time_t reread_deadline_us = 3000000;  // names re-reads and "BK" "f"
 constexpr us_time_t route_budget_us = 5000000;     // all "QI" of one request
 
-// Change-flag bits the backend acts on.
-constexpr std::uint64_t source_names_changed = 0x10;
-constexpr std::uint64_t dest_names_changed = 0x04;
-
 using table_update = void (*)(const std::vector<router_message>&);
 
 // Re-reads one names table; a failed exchange still rebuilds the table from
 // whatever part of the reply arrived.
 void reread_names(const char* kind, table_update update) {
-  const us_time_t deadline = monotonic_now_us() + reread_deadline_us;
-  poll_parent_message();
-  connection_poll();
-  router_message msg = make_router_request("QN", {kind});
   std::vector<router_message> response;
-  (void)do_timeout_send_and_recv(msg, response, deadline);
+  (void)query_step(response, "QN", {kind}, monotonic_now_us() + reread_deadline_us);
   update(response);
 }
 
 // Asks for the change flags, re-reads what they name and acknowledges them.
 // A failed flags query ends the request: returns false.
 bool query_change_flags() {
-  router_message msg = make_router_request("BK", {"F"});
   std::vector<router_message> response;
-  if (!do_timeout_send_and_recv(msg, response, monotonic_now_us() + flags_deadline_us)) {
-    return false;
-  }
+  if (!request_reply(response, "BK", {"F"}, monotonic_now_us() + flags_deadline_us)) return false;
   // Only a single "KB" "F" answer is usable; anything else is ignored and
   // the changed destinations are still asked for.
   if (response.size() != 1 || !router_request_is(response[0], "KB") ||
@@ -57,10 +46,10 @@ bool query_change_flags() {
     return true;
   }
   const std::uint64_t flags = std::strtoul(response[0].parameters[1].c_str(), nullptr, 16);
-  if (flags & source_names_changed) reread_names("IS", update_sources_info);
-  if (flags & dest_names_changed) reread_names("ID", update_dest_info);
-  msg = make_router_request("BK", {"f", hex_parameter(flags & 0xFFFFFFFFu)});
-  (void)do_timeout_send_and_recv(msg, response, monotonic_now_us() + reread_deadline_us);
+  if (flags & change_flag_source_names) reread_names("IS", update_sources_info);
+  if (flags & change_flag_dest_names) reread_names("ID", update_dest_info);
+  (void)request_reply(response, "BK", {"f", hex_parameter(flags & 0xFFFFFFFFu)},
+                      monotonic_now_us() + reread_deadline_us);
   return true;
 }
 
@@ -105,11 +94,8 @@ bool periodic_status_request() {
   diag("<DBG>Sending periodic status request as TCP keepalive and to keep up with unreported changes if they should occur\n");
   if (!query_change_flags()) return false;
 
-  router_message msg = make_router_request("QD");
   std::vector<router_message> response;
-  if (!do_timeout_send_and_recv(msg, response, monotonic_now_us() + flags_deadline_us)) {
-    return false;
-  }
+  if (!request_reply(response, "QD", {}, monotonic_now_us() + flags_deadline_us)) return false;
   std::vector<bool> changed;
   if (mark_changed_outputs(response, changed)) query_changed_routes(changed);
   reschedule();
@@ -138,14 +124,4 @@ void status_polling_step() {
   drain_unsolicited();
 }
 
-void query_output_route(std::uint64_t position, us_time_t deadline) {
-  poll_parent_message();
-  connection_poll();
-  router_message msg = make_router_request("QI", {hex_parameter(position + 1), "0"});
-  std::vector<router_message> response;
-  (void)do_timeout_send_and_recv(msg, response, deadline);
-  update_route_status(response);
-}
-
-us_time_t next_status_poll() { return next_poll; }
 void set_next_status_poll(us_time_t t) { next_poll = t; }

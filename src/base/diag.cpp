@@ -1,4 +1,4 @@
-#include "frame/diag.h"
+#include "base/diag.h"
 
 #include <cstdarg>
 #include <cstdio>

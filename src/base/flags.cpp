@@ -1,4 +1,4 @@
-#include "frame/flags.h"
+#include "base/flags.h"
 
 #include <csignal>
 
