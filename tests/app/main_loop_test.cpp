@@ -1,0 +1,123 @@
+#include "app/main_loop.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "base/flags.h"
+#include "parent/channel.h"
+#include "router/connection.h"
+#include "router/receive.h"
+#include "service/route_queue.h"
+#include "support/tcp_peer.h"
+
+namespace {
+
+constexpr long idle_us = 250'000;
+constexpr long pacing_us = 50'000;
+constexpr us_time_t now = 1'000'000'000;
+
+class MainLoopWaitTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(0, pipe(in_));
+    ASSERT_EQ(0, pipe(out_));
+    ASSERT_EQ(0, fcntl(out_[0], F_SETFL, O_NONBLOCK));
+    ASSERT_EQ(0, fcntl(out_[1], F_SETFL, O_NONBLOCK));
+    Reset();
+  }
+  void TearDown() override {
+    Reset();
+    parent_channel_use_fds_for_test(0, 1);
+    for (int fd : {in_[0], in_[1], out_[0], out_[1]}) close(fd);
+  }
+  void Reset() {
+    char buf[4096];
+    while (read(out_[0], buf, sizeof buf) > 0) {
+    }
+    parent_channel_use_fds_for_test(in_[0], out_[1]);
+    testing::internal::CaptureStderr();
+    connection_reset_for_test();
+    (void)testing::internal::GetCapturedStderr();
+    receive_reset_for_test();
+    reset_route_queues();
+    reset_process_flags();
+  }
+  // Flushed changes that no link takes: they stay in the send queue.
+  static void FlushedChanges() {
+    add_route_change(route_change{1, 0});
+    flush_route_changes();
+    ASSERT_FALSE(send_queue_empty());
+  }
+  // Fills the parent pipe, then queues a record that cannot be written.
+  void ParentOutputBlocked() {
+    const std::string block(4096, 'x');
+    while (write(out_[1], block.data(), block.size()) > 0) {
+    }
+    parent_message msg;
+    msg.type = "message";
+    msg.command = "info";
+    parent_send(msg);
+    ASSERT_TRUE(parent_output_pending());
+  }
+  // Connects to a listener that never reads and queues more than the
+  // loopback buffers hold, so bytes stay in the transmit buffer.
+  void SwitcherOutputBlocked() {
+    listener_ = listen_loopback();
+    connection_set_target_for_test("127.0.0.1", listener_.port);
+    for (int i = 0; i < 2000 && !connection_ready(); ++i) connection_connect();
+    const std::string bytes(64 << 20, 'x');
+    connection_queue_and_write(bytes.data(), bytes.size());
+    ASSERT_TRUE(connection_tx_pending());
+  }
+
+  int in_[2] = {-1, -1};
+  int out_[2] = {-1, -1};
+  tcp_listener listener_;
+};
+
+TEST_F(MainLoopWaitTest, ShortWaitOnlyWhilePacedChangesAreAllThatIsPending) {
+  struct Case {
+    const char* name;
+    std::function<void()> arrange;
+    long wait_us;
+  };
+  const Case cases[] = {
+      {"nothing pending", [] {}, idle_us},
+      {"flushed changes wait for their pacing time",
+       [] { FlushedChanges(); set_flush_allow_for_test(now + 1); }, pacing_us},
+      // Every other case waits the long way.
+      {"pacing time reached", [] { FlushedChanges(); set_flush_allow_for_test(now); }, idle_us},
+      {"pacing time passed", [] { FlushedChanges(); set_flush_allow_for_test(now - 1); }, idle_us},
+      {"pacing time ahead, nothing flushed", [] { set_flush_allow_for_test(now + 1); }, idle_us},
+      {"changes added but not flushed",
+       [] { add_route_change(route_change{1, 0}); set_flush_allow_for_test(now + 1); }, idle_us},
+      {"a received message waits",
+       [] { FlushedChanges(); set_flush_allow_for_test(now + 1); receive_bytes("\x06", 1); },
+       idle_us},
+      {"a message is partly received",
+       [] { FlushedChanges(); set_flush_allow_for_test(now + 1); receive_bytes("\x01N0", 3); },
+       idle_us},
+      {"parent output waits",
+       [this] { FlushedChanges(); set_flush_allow_for_test(now + 1); ParentOutputBlocked(); },
+       idle_us},
+      {"switcher output waits",
+       [this] { FlushedChanges(); set_flush_allow_for_test(now + 1); SwitcherOutputBlocked(); },
+       idle_us},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Reset();
+    testing::internal::CaptureStderr();  // the diagnostics of arranging are not the point
+    c.arrange();
+    (void)testing::internal::GetCapturedStderr();
+    EXPECT_EQ(c.wait_us, main_loop_wait_us(now));
+  }
+  close_fd(listener_.fd);
+}
+
+}  // namespace

@@ -1,0 +1,3 @@
+#pragma once
+// Each needs the other.
+#include "model/b.h"

@@ -1,0 +1,2 @@
+// Reaches up a layer.
+#include "service/b.h"
