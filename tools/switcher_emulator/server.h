@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/clock.h"
+#include "router/protocol.h"
 #include "switcher_emulator/chaos.h"
 #include "switcher_emulator/emulator.h"
 #include "switcher_emulator/splitter.h"
@@ -14,7 +15,7 @@
 
 struct server_options {
   std::string bind_address = "127.0.0.1";  // numeric IPv4 only
-  std::uint32_t port = 12345;              // 0: an ephemeral port
+  std::uint32_t port = default_router_port;  // 0: an ephemeral port
   std::int64_t rename_after_ms = -1;       // after the first client; -1: never
   bool verbose = false;                    // one stderr line per frame and event
   bool control_stdin = false;              // read control lines from descriptor 0
