@@ -24,6 +24,12 @@ us_time_t flush_allow_at = 0;
 // When reached, everything still waiting is dropped; 0: not armed. It is also
 // the deadline of every exchange of the batch running.
 us_time_t queue_timeout_at = 0;
+// Batches are numbered as they take their slots. A batch that starts while
+// another waits on the switcher holds changes flushed after that one took
+// its own, so the higher number always carries the newer changes.
+std::uint64_t batches_started = 0;
+// Per output, the number of the newest batch that sent it a "TI"; 0: none.
+std::vector<std::uint64_t> newest_sender;
 
 constexpr us_time_t pacing_step_us = 66'000;
 constexpr us_time_t pacing_cap_us = 750'000;
@@ -90,12 +96,19 @@ void send_route_changes() {
   // The slot table is this batch's own: exchanges below serve the parent, and
   // a nested flush fills the send queue afresh and may run a batch of its own.
   const std::vector<route_change> slots = take_slots(static_cast<std::size_t>(slot_count));
+  const std::uint64_t batch = ++batches_started;
+  if (newest_sender.size() < slots.size()) newest_sender.resize(slots.size(), 0);
   queue_timeout_at = monotonic_now_us() + queue_timeout_us;
 
   for (const route_change& c : slots) {
     if (c.output < 0 || static_cast<std::size_t>(c.output) >= slots.size() || c.input < -1) {
       continue;
     }
+    // A newer batch, run while this one waited, has sent this output its
+    // newer change: ours would arrive last and undo it. A skipped slot sends
+    // nothing, so it adds nothing to the pacing either.
+    if (newest_sender[c.output] > batch) continue;
+    newest_sender[c.output] = batch;
     send_take_input(c);
     flush_allow_at += pacing_step_us;
   }
@@ -141,4 +154,6 @@ void reset_route_queues() {
   send_queue.clear();
   flush_allow_at = 0;
   queue_timeout_at = 0;
+  batches_started = 0;
+  newest_sender.clear();
 }

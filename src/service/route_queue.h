@@ -7,7 +7,9 @@
 
 // Route changes from the parent: added to a queue, moved to the send queue by
 // a flush, and sent as one "TI" command per output, each batch pacing the
-// next by 66 ms per command (750 ms at most).
+// next by 66 ms per command (750 ms at most). For every output the last "TI"
+// sent carries the newest change flushed for it, even when a flush served
+// while a batch waits on the switcher runs a batch of its own.
 
 void add_route_change(const route_change& change);
 // Empties the added changes; the send queue is kept.

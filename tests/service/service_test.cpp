@@ -291,4 +291,48 @@ TEST_F(CommandServiceTest, RequestServedWhileAnotherWaits) {
   }
 }
 
+// A flush served while a batch waits on its first "TI" runs a batch of its
+// own. The waiting batch then skips the output that one sent, which adds
+// nothing to the pacing, and still sends the rest of its slots.
+TEST_F(CommandServiceTest, NestedBatchKeepsTheNewestChangeLast) {
+  struct Case {
+    const char* name;
+    std::vector<route_change> outer;  // input, output
+    const char* nested_output;        // changed to input 9 while the outer batch waits
+    strings sent;
+  };
+  const Case cases[] = {
+      {"skipped between slots still sent", {{1, 0}, {1, 2}, {1, 3}}, "2",
+       {"TI 1,2", "TI 3,A", "TI 4,2"}},
+      {"every slot left is skipped", {{1, 0}, {1, 5}}, "5", {"TI 1,2", "TI 6,A"}},
+      {"sent before the nested batch, so sent again", {{1, 0}, {1, 3}}, "0",
+       {"TI 1,2", "TI 1,A", "TI 4,2"}},
+  };
+  LinkUp(true);
+  // The switcher answers once the nested flush is read; a second nested
+  // exchange would drain the outer batch's answer as stale. Reading the
+  // nested requests in one wait cycle starts both batches close together,
+  // out of reach of the outer one's 750 ms cap.
+  peer.hold_fd = in_[0];
+  set_parent_poll_handler(+[] {
+    peer_step();
+    for (int i = 0; i < 512; ++i) poll_parent_message();
+  });
+  const std::string flush = "*COMMAND=route output\n*TYPE=command\n*ID=2\nqueue=flush\n\n";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    set_flush_allow_for_test(0);
+    for (const route_change& r : c.outer) add_route_change(r);
+    const std::size_t before = peer.frames.size();
+    static_cast<void>(Request(flush + "*COMMAND=route output\n*TYPE=command\n*ID=1\nfrom input=9\n"
+                              "queue=add\nto output=" + c.nested_output + "\n\n" + flush));
+    EXPECT_EQ(c.sent, SentSince(before));
+    // The nested batch restarted the pacing and armed the queue timeout at
+    // its own start; 66 ms follow for every command actually sent.
+    const double start = static_cast<double>(queue_timeout() - 5'000'000);
+    EXPECT_NEAR(66'000.0 * static_cast<double>(c.sent.size()),
+                static_cast<double>(flush_allow()) - start, 30'000);
+  }
+}
+
 }  // namespace
