@@ -66,6 +66,8 @@ if(NOT zeph_deb_arch)
   set(zeph_deb_arch unknown)
 endif()
 set(ZEPH_DEB_FILE ${ZEPH_PACKAGE_NAME}_${PROJECT_VERSION}_${zeph_deb_arch}.deb)
+set(ZEPH_PACKAGE_DIR ${CMAKE_BINARY_DIR} CACHE PATH
+  "Where the install test finds the package (make package: build/release)")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ${ZEPH_PACKAGE_NAME})

@@ -81,7 +81,7 @@ proto.prefs.port = Pref.uint("Another TCP port", 0,
 -- The value of the hexadecimal digits at the start of text; 0 for none.
 local function leading_hex(text)
   local digits = text:match("^%x+") or ""
-  return digits == "" and 0 or tonumber(digits:sub(1, 8), 16)
+  return digits == "" and 0 or tonumber(digits:sub(-8), 16)  -- kept modulo 2^32
 end
 
 -- A checksum digit counts as its hexadecimal value; any other byte as 0.
@@ -200,10 +200,11 @@ local function dissect_from(tvb, tree, offset, info)
         offset = offset + n
       elseif lead == NAK then
         local text = body:sub(1, stop - 1)
-        local t = tree:add(proto, tvb(offset, stop + 1), "NAK " .. text)
+        local title = text == "" and "NAK" or "NAK " .. text
+        local t = tree:add(proto, tvb(offset, stop + 1), title)
         t:add(f.type, tvb(offset, stop + 1), "NAK")
         t:add(f.nak_code, tvb(offset + 1, stop - 1), leading_hex(text)):add_proto_expert_info(e.nak)
-        info[#info + 1] = "NAK " .. text
+        info[#info + 1] = title
         offset = offset + stop + 1
       else
         local t = tree:add(proto, tvb(offset, stop + 1))
@@ -221,7 +222,7 @@ local function dissect_from(tvb, tree, offset, info)
       local t = tree:add(proto, tvb(offset, stop - offset), "Stray bytes")
       t:add(f.type, tvb(offset, stop - offset), "stray"):add_proto_expert_info(e.stray)
       t:add(f.dropped, tvb(offset, stop - offset))
-      info[#info + 1] = string.format("%d stray bytes", stop - offset)
+      info[#info + 1] = stop - offset == 1 and "1 stray byte" or (stop - offset) .. " stray bytes"
       offset = stop
     end
   end
