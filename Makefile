@@ -1,5 +1,5 @@
 # Thin wrapper over CMake presets; see README.md.
-.PHONY: all build test test-asan demo bench bench-prereqs fuzz clean
+.PHONY: all build test test-asan demo bench bench-prereqs fuzz package clean
 
 all: build
 
@@ -24,6 +24,12 @@ fuzz:
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz
 	./fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
+
+# The Debian package, built from the release preset (stripped, no tests):
+# build/release/zeph-route-grass-valley_<version>_<arch>.deb.
+package:
+	cmake --preset release >/dev/null
+	cmake --build --preset release --target package
 
 demo: build
 	./tools/demo.sh build/dev

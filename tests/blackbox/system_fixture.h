@@ -19,7 +19,7 @@ class SystemTest : public testing::Test {
   void StartEmulator(const std::vector<std::string>& extra = {}) {
     std::vector<std::string> argv{"switcher_emulator", "--port", "0", "--verbose"};
     argv.insert(argv.end(), extra.begin(), extra.end());
-    ASSERT_TRUE(spawn(emu_, EMULATOR_PATH, argv));
+    ASSERT_TRUE(spawn(emu_, emulator_path_, argv));
     const std::string first = read_line(emu_, wait_ms);
     port_ = first.substr(first.find_last_of(' ') + 1);
     ASSERT_FALSE(port_.empty()) << first;
@@ -31,7 +31,7 @@ class SystemTest : public testing::Test {
     if (!port_.empty()) config += "ip address = 127.0.0.1\nport = " + port_ + "\n";
     words.insert(words.begin(), "zeph_route_grass_valley");
     words.insert(words.end(), {"--file", dir_.write("r.cfg", config)});
-    ASSERT_TRUE(spawn(backend_, DAEMON_PATH, words));
+    ASSERT_TRUE(spawn(backend_, daemon_path_, words));
   }
 
   // Reads records until one holds needle; returns it, or "" at the deadline.
@@ -61,6 +61,8 @@ class SystemTest : public testing::Test {
     return record;
   }
 
+  std::string emulator_path_ = EMULATOR_PATH;  // other builds: installed ones
+  std::string daemon_path_ = DAEMON_PATH;
   temp_dir dir_;
   child_process emu_;
   child_process backend_;

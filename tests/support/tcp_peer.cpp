@@ -30,6 +30,16 @@ int accept_within(const tcp_listener& l, int timeout_ms) {
   return poll(&p, 1, timeout_ms) == 1 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
 }
 
+int connect_loopback(std::uint16_t port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(port);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) close_fd(fd);
+  return fd;
+}
+
 std::string read_for(int fd, std::size_t min_bytes, int timeout_ms) {
   using namespace std::chrono;
   const auto end = steady_clock::now() + milliseconds(timeout_ms);

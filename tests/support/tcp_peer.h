@@ -14,6 +14,8 @@ struct tcp_listener {
 tcp_listener listen_loopback();
 // Accepts one connection within timeout_ms; -1 when none arrived.
 int accept_within(const tcp_listener& l, int timeout_ms);
+// Connects to port of 127.0.0.1 (blocking); -1 on failure.
+int connect_loopback(std::uint16_t port);
 // Reads until at least min_bytes arrived or timeout_ms passed; returns what
 // was read (possibly less).
 std::string read_for(int fd, std::size_t min_bytes, int timeout_ms);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "switcher_emulator/control.h"
+#include "switcher_emulator/pcap.h"
 #include "switcher_emulator/server.h"
 
 namespace {
@@ -32,6 +33,7 @@ constexpr const char* usage_text =
     "                           after the first client connected\n"
     "  --verbose                log every frame and event on stderr\n"
     "  --no-controls            do not read control lines from stdin\n"
+    "  --pcap FILE              record the client traffic as a pcap capture\n"
     "faults (random ones drawn from --seed N, default 1):\n"
     "  --close-after N  --close-random N  --silent-after N  --ack-only\n"
     "  --delay MS  --delay-jitter MS  --split-writes  --garbage N\n"
@@ -148,6 +150,7 @@ bool apply_option(const std::string& opt, const std::string& v, emulator_server&
   else if (opt == "--input-names") return read_names(v, c.input_names);
   else if (opt == "--levels") return parse_levels(v, c);
   else if (opt == "--routes") return parse_routes(v, c);
+  else if (opt == "--pcap") o.pcap_path = v;
   else return fail("unknown option " + opt);
   return true;
 }
@@ -182,6 +185,7 @@ int main(int argc, char** argv) {
   // socket could take that number.
   s.opt.control_stdin = fcntl(0, F_GETFD) != -1;
   if (!parse_options(argc, argv, s)) return 1;
+  if (!s.opt.pcap_path.empty() && !pcap_open(s.opt.pcap_path.c_str())) return 1;
   if (!server_open(s)) return 1;
   std::signal(SIGINT, on_signal);
   std::signal(SIGTERM, on_signal);
@@ -193,5 +197,6 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   while (stop_requested == 0 && !s.quit) server_step(s, 250);
   server_close(s);
+  pcap_close();
   return 0;
 }

@@ -14,6 +14,7 @@
 
 #include "base/diag.h"
 #include "switcher_emulator/control.h"
+#include "switcher_emulator/pcap.h"
 
 namespace {
 
@@ -29,6 +30,7 @@ bool one_in(emulator_server& s, std::uint32_t n) {
 void drop_client(emulator_server& s, const char* why) {
   if (s.client_fd < 0) return;
   close(s.client_fd);
+  pcap_closed();
   s.client_fd = -1;
   s.rx = frame_splitter{};
   s.tx.clear();
@@ -117,6 +119,7 @@ void read_client(emulator_server& s, us_time_t now) {
     drop_client(s, "closed");
     return;
   }
+  pcap_received(buf, static_cast<std::size_t>(r));
   std::vector<splitter_item> items;
   splitter_feed(s.rx, buf, static_cast<std::size_t>(r), items);
   for (const splitter_item& item : items) {
@@ -145,6 +148,7 @@ void write_client(emulator_server& s, us_time_t now) {
       drop_client(s, "closed");
       return;
     }
+    pcap_sent(c.bytes.data() + c.sent, static_cast<std::size_t>(w));
     c.sent += static_cast<std::size_t>(w);
     s.tx_bytes -= static_cast<std::size_t>(w);
     if (c.sent == c.bytes.size()) s.tx.pop_front();
@@ -170,6 +174,7 @@ void accept_client(emulator_server& s, us_time_t now) {
   const int one = 1;
   (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   s.client_fd = fd;
+  pcap_connected(fd);
   if (s.opt.verbose) diag("client connected\n");
   if (s.opt.rename_after_ms >= 0 && !s.renamed && s.rename_at == 0) {
     s.rename_at = now + static_cast<us_time_t>(s.opt.rename_after_ms) * 1000 + 1;

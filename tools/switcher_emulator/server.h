@@ -22,6 +22,7 @@ struct server_options {
   emulator_faults faults;                  // set aside while chaos is on
   bool chaos = false;                      // start with chaos on
   std::uint32_t chaos_slice_ms = 3000;     // mean length of a chaos slice
+  std::string pcap_path;                   // record the client traffic here; empty: no
 };
 
 // Bytes waiting for the client; written from sent onwards once due.

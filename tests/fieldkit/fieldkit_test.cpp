@@ -1,0 +1,140 @@
+// The field kit: the Wireshark dissector reading captures that the emulator
+// records, and the Debian package installed in a scratch root. A test skips
+// when its tool (tshark, dpkg-deb, lintian) or the package is missing.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "blackbox/system_fixture.h"
+#include "support/tcp_peer.h"
+
+namespace {
+
+class FieldKitTest : public SystemTest {
+ protected:
+  static bool Have(const std::string& program) {
+    return std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) == 0;
+  }
+
+  // Standard output of a shell command.
+  static std::string Run(const std::string& command) {
+    std::string out;
+    if (FILE* p = popen(command.c_str(), "r")) {
+      char buf[4096];
+      for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+      pclose(p);
+    }
+    return out;
+  }
+
+  static std::string Golden(const std::string& name) {
+    std::ostringstream text;
+    text << std::ifstream(std::string(GOLDEN_DIR) + "/" + name).rdbuf();
+    return text.str();
+  }
+
+  // The backend synchronises, takes input 2 to output 1, sees the route come
+  // back through polling, and ends at the end of its input.
+  void SyncAndRoute() {
+    StartBackend();
+    ASSERT_NE("", WaitRecord("o1.name=OUT 2"));
+    Send("*COMMAND=route output\n*TYPE=command\n*ID=1\nfrom input=2\nqueue=add\nto output=1\n\n"
+         "*COMMAND=route output\n*TYPE=command\n*ID=2\nqueue=flush\n\n");
+    EXPECT_NE("", WaitRecord("o1.input.all=2"));
+    close_input(backend_);
+    EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+  }
+
+  void StopEmulator() {
+    ASSERT_TRUE(send_text(emu_, "quit\n"));
+    EXPECT_EQ(0, wait_exit(emu_, wait_ms));
+  }
+
+  // One line per packet that carries the protocol. HOME keeps the user's
+  // profile, and any dissector installed in it, out.
+  std::string Fields(const std::string& capture) {
+    return Run("HOME=" + dir_.path + " XDG_CONFIG_HOME=" + dir_.path +
+               " timeout 60 tshark -X lua_script:" DISSECTOR_PATH " -o gvnp.port:" + port_ +
+               " -r " + capture +
+               " -Y gvnp -T fields -E separator='|' -e gvnp.type -e gvnp.command -e gvnp.param"
+               " -e gvnp.checksum.status -e gvnp.nak.code 2>/dev/null");
+  }
+};
+
+// The session up to the answer to the take, less the status polls that find
+// nothing (about every 350 ms), however many fell before the take.
+std::string UpToTake(std::string fields) {
+  const std::string idle_poll =
+      "message|BK|F|good|\nmessage|KB|F,0|good|\nmessage|BK|f,0|good|\n"
+      "message|ER|00,BK|good|\nmessage|QD||good|\nmessage|ER|00,QD|good|\n";
+  for (std::size_t at; (at = fields.find(idle_poll)) != std::string::npos;) {
+    fields.erase(at, idle_poll.size());
+  }
+  const std::string taken = "message|ER|00,TI|good|\n";
+  const std::size_t end = fields.find(taken);
+  return end == std::string::npos ? fields : fields.substr(0, end + taken.size());
+}
+
+TEST_F(FieldKitTest, DissectorDecodesSynchronisationAndTake) {
+  if (!Have("tshark")) GTEST_SKIP() << "tshark is not installed";
+  const std::string capture = dir_.path + "/clean.pcap";
+  StartEmulator({"--outputs", "2", "--inputs", "3", "--pcap", capture});
+  SyncAndRoute();
+  StopEmulator();
+  EXPECT_EQ(Golden("clean_session.txt"), UpToTake(Fields(capture)));
+}
+
+TEST_F(FieldKitTest, DissectorReassemblesAndMarksFaults) {
+  if (!Have("tshark")) GTEST_SKIP() << "tshark is not installed";
+  const std::string capture = dir_.path + "/faults.pcap";
+  StartEmulator({"--inputs", "3", "--garbage", "3", "--corrupt-random", "3", "--split-writes",
+                 "--pcap", capture});
+  // One write, which the emulator reads 4096 bytes at a time: an ACK, CR LF,
+  // three requests, a "QD" with a wrong checksum, one holding a NUL and an
+  // over-long one.
+  const std::string bytes = std::string("\x06\r\n\x01N0BK\tN9E\x04\x01N0QN\tIS3E\x04") +
+                            "\x01N0QI\t1\t075\x04\x01N0QD00\x04" +
+                            std::string("\x01N0BK\0\tN00\x04", 11) + "\x01" +
+                            std::string(4100, 'x') + "\x04";
+  int fd = connect_loopback(static_cast<std::uint16_t>(std::stoi(port_)));
+  ASSERT_GE(fd, 0);
+  ASSERT_TRUE(write_all(fd, bytes));
+  // Three answers and three NAKs. Stray bytes never hold SOH or NAK and
+  // come before a frame, so the last EOT ends the answers.
+  std::string got;
+  auto complete = [&got] {
+    return std::count_if(got.begin(), got.end(), [](char c) { return c == 0x01 || c == 0x15; }) ==
+               6 && got.back() == '\x04';
+  };
+  for (int i = 0; i < wait_ms / 100 && !complete(); ++i) got += read_for(fd, 1, 100);
+  close_fd(fd);
+  ASSERT_TRUE(complete());
+  StopEmulator();
+  EXPECT_EQ(Golden("fault_session.txt"), Fields(capture));
+}
+
+TEST_F(FieldKitTest, InstalledPackageSynchronisesAndRoutes) {
+  if (!Have("dpkg-deb") || access(PACKAGE_DEB, R_OK) != 0) {
+    GTEST_SKIP() << "needs dpkg-deb and " PACKAGE_DEB " (make package)";
+  }
+  const std::string root = dir_.path + "/root";
+  ASSERT_EQ("", Run("dpkg-deb -x " PACKAGE_DEB " " + root + " 2>&1"));
+  emulator_path_ = root + "/usr/bin/switcher_emulator";
+  daemon_path_ = root + "/usr/bin/zeph_route_grass_valley";
+  StartEmulator({"--outputs", "2", "--inputs", "3"});
+  SyncAndRoute();
+  StopEmulator();
+}
+
+TEST_F(FieldKitTest, LintianFindsNoErrorsInPackage) {
+  if (!Have("lintian") || access(PACKAGE_DEB, R_OK) != 0) {
+    GTEST_SKIP() << "needs lintian and " PACKAGE_DEB " (make package)";
+  }
+  const std::string report = Run("timeout 300 lintian --fail-on error " PACKAGE_DEB " 2>&1; echo $?");
+  EXPECT_EQ("0\n", report.substr(report.rfind('\n', report.size() - 2) + 1)) << report;
+}
+
+}  // namespace
