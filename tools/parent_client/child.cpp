@@ -151,8 +151,11 @@ void child_write(child_process& c, const std::string& text) {
   write_pipe(c);
 }
 
-void child_pump(int timeout_ms) {
+void child_pump(int timeout_ms) { (void)child_pump_watching(timeout_ms, -1); }
+
+bool child_pump_watching(int timeout_ms, int fd) {
   std::vector<pollfd> fds;
+  if (fd >= 0) fds.push_back({fd, POLLIN, 0});
   for (const child_process* c : running) {
     if (c->in_fd >= 0 && !c->to_write.empty()) fds.push_back({c->in_fd, POLLOUT, 0});
     if (c->out_fd >= 0) fds.push_back({c->out_fd, POLLIN, 0});
@@ -171,6 +174,7 @@ void child_pump(int timeout_ms) {
     }
   }
   for (child_process* c : running) reap(*c);
+  return fd >= 0 && fds[0].revents != 0;
 }
 
 bool child_wait(const std::function<bool()>& done, int timeout_ms) {

@@ -47,6 +47,10 @@ void child_write(child_process& c, const std::string& text);
 // children that ended. With nothing to watch it just sleeps.
 void child_pump(int timeout_ms);
 
+// child_pump that also watches fd for reading (a console's own input); true
+// when fd is readable or at its end.
+[[nodiscard]] bool child_pump_watching(int timeout_ms, int fd);
+
 // Pumps until done() holds (true) or timeout_ms have passed (false).
 [[nodiscard]] bool child_wait(const std::function<bool()>& done, int timeout_ms);
 
