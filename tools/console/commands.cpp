@@ -116,8 +116,8 @@ void run_wait(const word_list& w, const std::string&) {
     return;
   }
   const std::string& what = w[0].text;
-  if (what != "info" && what != "inputs" && what != "outputs") {
-    console_error("wait for what? info, inputs or outputs, or nothing");
+  if (what != "info" && what != "inputs" && what != "outputs" && what != "routes") {
+    console_error("wait for what? info, inputs, outputs or routes, or nothing");
   } else if (!console_wait_report(what, wait_ms)) {
     console_error("no " + what + " report within 30 s");
   }
@@ -150,8 +150,8 @@ const command commands[] = {
      run_log},
     {"raw", "", "send the record typed next, up to an empty line", "raw", 0, 0,
      [](const word_list&, const std::string&) { console_start_raw(); }},
-    {"wait", "[info|inputs|outputs]", "for names and routes, or the next such report",
-     "wait outputs", 0, 1, run_wait},
+    {"wait", "[info|inputs|outputs|routes]", "for names and routes, or the next such report",
+     "wait routes", 0, 1, run_wait},
     {"sleep", "SECONDS", "pause, showing what arrives", "sleep 1.5", 1, 1, run_sleep},
     {"emulator", "CONTROL", "a control for the emulator of --emulator",
      "emulator rename output 1 Studio A", 1, 99, [](const word_list&, const std::string& rest) {

@@ -2,6 +2,7 @@
 
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -42,13 +43,16 @@ void show_emulator_line(const std::string& line, bool from_stdout) {
 // the backend ends or a signal asks to stop (false). done() comes first after
 // each pump, so that it sees what arrived before it is shown.
 bool wait_showing(const std::function<bool()>& done, int timeout_ms) {
-  for (int waited = 0;; waited += step_ms) {
+  const us_time_t end = monotonic_now_us() + static_cast<us_time_t>(timeout_ms) * 1000;
+  for (;;) {
     if (done()) return true;
     session_show();
-    if (waited >= timeout_ms || stop_requested != 0 || backend.child.reaped) return false;
-    client_pump(backend, step_ms);
+    const us_time_t now = monotonic_now_us();
+    if (now >= end || stop_requested != 0 || backend.child.reaped) return false;
+    client_pump(backend, static_cast<int>(std::min<us_time_t>((end - now) / 1000 + 1, step_ms)));
   }
 }
+
 
 // Shows the backend's records in their order up to the reply with id, which
 // it takes into reply (true); shows them all when none is that reply.
@@ -61,7 +65,7 @@ bool show_records(const std::string& id, client_record* reply) {
       backend.records.pop_front();
       return true;
     }
-    if (r.msg.type == "message") ++reports_seen[r.msg.command];
+    ++reports_seen[tables_report_kind(r.msg)];
     for (const std::string& line : view_record(backend.tables, r)) terminal_print(line);
   }
   return false;
@@ -173,7 +177,9 @@ void session_show() {
 }
 
 void session_line(const std::string& line) {
-  terminal_echo(session_prompt(), line);
+  if (in_raw || line.find_first_not_of(" \t") != std::string::npos) {
+    terminal_echo(session_prompt(), line);
+  }
   if (!in_raw) {
     commands_run(line);
     return;

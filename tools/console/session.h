@@ -73,8 +73,8 @@ void console_quit();
 // the names of the inputs and outputs and their routes. False when it did not.
 bool console_wait_tables(int timeout_ms);
 
-// Waits up to timeout_ms, showing what arrives, for the next report with
-// command ("info", "inputs" or "outputs"). False when none came.
+// Waits up to timeout_ms, showing what arrives, for the next report of a
+// kind: "info", "inputs", "outputs" (names) or "routes". False when none came.
 bool console_wait_report(const std::string& command, int timeout_ms);
 
 // Shows what arrives for ms.

@@ -20,11 +20,13 @@ bool ended = false;
 
 #ifdef ZEPH_LINE_EDITING
 // Called by the library with each line typed, or nullptr at end of input.
+// The library has left its character mode by then and would read the next
+// line whole, blocking; terminal_prompt installs the handler again, which
+// starts a fresh line in character mode once the command is done.
 void on_line(char* line) {
+  editing = false;
   if (line == nullptr) {
     ended = true;
-    rl_callback_handler_remove();
-    editing = false;
     std::fputs("\n", stdout);
     return;
   }
@@ -79,7 +81,6 @@ void terminal_prompt(const std::string& prompt) {
   static std::string shown;  // the library keeps a pointer to it
   if (editing && shown == prompt) return;
   shown = prompt;
-  if (editing) rl_callback_handler_remove();
   rl_callback_handler_install(shown.c_str(), on_line);
   editing = true;
   return;

@@ -83,16 +83,15 @@ std::vector<std::string> view_info(const report_tables& t) {
 }
 
 std::vector<std::string> view_record(const report_tables& t, const client_record& r) {
-  const parent_message& m = r.msg;
-  if (m.type == "message" && m.command == "info") {
+  const std::string kind = tables_report_kind(r.msg);
+  if (kind == "info") {
     return {"info: " + field(t, "inputs") + " inputs, " + field(t, "outputs") + " outputs, model \"" +
             field(t, "model") + "\", firmware \"" + field(t, "firmware version") + "\""};
   }
-  const bool names = !m.fields.empty() && m.fields.begin()->first.find(".name") != std::string::npos;
-  if (m.type == "message" && (m.command == "inputs" || m.command == "outputs") && names) {
-    return {m.command + ": " + std::to_string(m.fields.size()) + " names (show " + m.command + ")"};
+  if (kind == "inputs" || kind == "outputs") {
+    return {kind + ": " + std::to_string(r.msg.fields.size()) + " names (show " + kind + ")"};
   }
-  if (m.type == "message" && m.command == "outputs") {
+  if (kind == "routes") {
     std::vector<std::string> lines;
     for (const route_seen& c : r.changes) lines.push_back(view_route(t, c.output, c.after));
     return lines;

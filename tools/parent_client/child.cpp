@@ -103,6 +103,13 @@ bool child_start(child_process& c, const std::string& path, const std::vector<st
     for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) close(fd);
     return false;
   }
+  // Tells us why exec failed; closed by a successful exec, so a read of it
+  // returns nothing once the program runs.
+  int exec_status[2];
+  if (pipe2(exec_status, O_CLOEXEC) != 0) {
+    std::fprintf(stderr, "pipe: %s\n", std::strerror(errno));
+    return false;
+  }
   // Built before fork: the child may only make async-signal-safe calls.
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -123,16 +130,23 @@ bool child_start(child_process& c, const std::string& path, const std::vector<st
     dup2(file >= 0 ? file : out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
     execv(path.c_str(), args.data());
+    const int why = errno;
+    (void)!write(exec_status[1], &why, sizeof why);
     _exit(127);
   }
-  for (int fd : {in[0], out[1], err[1], file}) {
+  for (int fd : {in[0], out[1], err[1], file, exec_status[1]}) {
     if (fd >= 0) close(fd);
   }
   c.in_fd = in[1];
   c.out_fd = out[0];
   c.err_fd = err[0];
-  if (c.pid < 0) {
-    std::fprintf(stderr, "cannot start %s: fork: %s\n", path.c_str(), std::strerror(errno));
+  int why = c.pid < 0 ? errno : 0;
+  while (c.pid > 0 && read(exec_status[0], &why, sizeof why) < 0 && errno == EINTR) {
+  }
+  close(exec_status[0]);
+  if (why != 0) {
+    std::fprintf(stderr, "cannot run %s: %s\n", path.c_str(), std::strerror(why));
+    if (c.pid > 0 && waitpid(c.pid, &c.wait_status, 0) == c.pid) c.reaped = true;
     child_stop(c);
     return false;
   }

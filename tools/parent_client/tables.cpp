@@ -34,7 +34,7 @@ void take_routes(report_tables& t, const parent_message& record, std::vector<rou
   for (const auto& [name, value] : record.fields) {
     const long output = field_position(name, 'o', ".input.all");
     const long input = value == "none" ? tables_no_input : parse_position(value);
-    if (output < 0 || input < tables_no_input) continue;
+    if (output < 0 || (input < 0 && value != "none")) continue;
     const auto known = t.routes.find(output);
     const long before = known == t.routes.end() ? tables_unknown : known->second;
     if (before != input) changes.push_back({output, before, input});
@@ -42,30 +42,32 @@ void take_routes(report_tables& t, const parent_message& record, std::vector<rou
   }
 }
 
-// The names report and the routing report share their command; their field
-// names tell them apart. One without fields is read as a routing report that
-// every output was dropped from: it changes nothing either way.
-bool is_names_report(const parent_message& record) {
-  for (const auto& field : record.fields) {
-    if (field_position(field.first, 'o', ".name") >= 0) return true;
-  }
-  return false;
-}
-
 }  // namespace
+
+std::string tables_report_kind(const parent_message& record) {
+  if (record.type != "message") return "";
+  if (record.command == "info" || record.command == "inputs") return record.command;
+  if (record.command != "outputs") return "";
+  // One without fields is read as a routing report that every output was
+  // dropped from: it changes nothing either way.
+  for (const auto& field : record.fields) {
+    if (field_position(field.first, 'o', ".name") >= 0) return "outputs";
+  }
+  return "routes";
+}
 
 void tables_apply(report_tables& t, const parent_message& record,
                   std::vector<route_seen>& changes) {
-  if (record.type != "message") return;
-  if (record.command == "info") {
+  const std::string kind = tables_report_kind(record);
+  if (kind == "info") {
     t.info = record.fields;
-  } else if (record.command == "inputs") {
+  } else if (kind == "inputs") {
     take_names(t.inputs, 'i', record);
     t.have_inputs = true;
-  } else if (record.command == "outputs" && is_names_report(record)) {
+  } else if (kind == "outputs") {
     take_names(t.outputs, 'o', record);
     t.have_outputs = true;
-  } else if (record.command == "outputs") {
+  } else if (kind == "routes") {
     take_routes(t, record, changes);
   }
 }

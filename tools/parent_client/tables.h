@@ -39,6 +39,11 @@ struct route_seen {
 // Fields that do not parse, and every other record, are ignored.
 void tables_apply(report_tables& t, const parent_message& record, std::vector<route_seen>& changes);
 
+// The kind of report a record is: "info", "inputs", "outputs" (the names of
+// the outputs) or "routes" (the routing report, which shares the command
+// "outputs" and is told apart by its field names); "" for other records.
+[[nodiscard]] std::string tables_report_kind(const parent_message& record);
+
 // The active count of "inputs" or "outputs" from the latest info report, or
 // -1 before one arrived.
 [[nodiscard]] long tables_count(const report_tables& t, const std::string& which);
