@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <memory>
 
 #include "console/commands.h"
 #include "console/terminal.h"
@@ -22,7 +23,7 @@ void on_signal(int) { stop_requested = 1; }
 console_options opts;
 parent_client backend;
 child_process emulator;        // runs only with --emulator
-temp_dir config_dir;           // its configuration, with --emulator
+std::unique_ptr<temp_dir> config_dir;  // the emulator's configuration, with --emulator
 diag_level shown_level = diag_level::note;
 bool failed = false;           // an error was shown
 bool quit = false;
@@ -150,7 +151,12 @@ bool session_start(const console_options& o) {
     const std::string port = client_start_emulator(emulator, o.emulator, o.emulator_options, 10000);
     if (port.empty()) return false;
     terminal_print("switcher emulator listening on 127.0.0.1 port " + port);
-    config = config_dir.write("router.cfg", "ip address = 127.0.0.1\nport = " + port + "\n");
+    config_dir = std::make_unique<temp_dir>();
+    if (config_dir->path.empty()) {
+      terminal_print("cannot make a temporary directory for the configuration");
+      return false;
+    }
+    config = config_dir->write("router.cfg", "ip address = 127.0.0.1\nport = " + port + "\n");
   }
   if (!client_start(backend, o.backend, {"--file", config})) return false;
   terminal_print("backend started: " + o.backend + " --file " + config);

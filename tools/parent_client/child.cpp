@@ -17,8 +17,10 @@
 
 namespace {
 
-// Every child started and not yet stopped; each pump serves them all.
-std::vector<child_process*> running;
+// Every child started and not yet stopped; each pump serves them all. Never
+// destroyed: children that are objects of static duration stop at exit,
+// perhaps after this file's own objects have gone.
+std::vector<child_process*>& running = *new std::vector<child_process*>;
 
 // One pump reads at most this much from one pipe, so a child that writes
 // without pause cannot keep the others waiting.
