@@ -107,7 +107,10 @@ void terminal_print(const std::string& line) {
 
 void terminal_close() {
 #ifdef ZEPH_LINE_EDITING
-  if (editing) rl_callback_handler_remove();
+  if (editing) {
+    rl_callback_handler_remove();
+    std::fputs("\r\033[K", stdout);  // the prompt left on the screen
+  }
   editing = false;
 #endif
   std::fflush(stdout);
