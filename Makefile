@@ -31,8 +31,10 @@ package:
 	cmake --preset release >/dev/null
 	cmake --build --preset release --target package
 
+# A console script against the bundled switcher emulator: read tools/demo.console.
 demo: build
-	./tools/demo.sh build/dev
+	build/dev/tools/zeph_route_console --emulator --outputs 8 --inputs 8 \
+	  --model "Demo Router" --firmware-type V5 --firmware-revision 2.1 <tools/demo.console
 
 # The fault soak: the backend against the emulator in chaos mode.
 .PHONY: soak

@@ -145,7 +145,7 @@ void measure_latency(bench_session& s, const e2e_options& opt, std::vector<bench
   std::uint64_t rng = 7;
   // The driver counts too: a late read of the emulator's line is late time.
   auto cpu_wait_us = [&s]() {
-    return process_cpu_wait_us(s.backend.pid) + process_cpu_wait_us(s.emulator.pid) +
+    return process_cpu_wait_us(s.backend.child.pid) + process_cpu_wait_us(s.emulator.pid) +
            process_cpu_wait_us(getpid());
   };
   // When the last batch started, as near as the driver sees it: the "TI".
@@ -197,7 +197,7 @@ void measure_throughput(bench_session& s, const e2e_options& opt, double pass_us
   double wall_us = 0;
   double cpu_us = 0;
   double wait_us = 0;
-  const int pid = s.backend.pid;
+  const int pid = s.backend.child.pid;
   for (int r = 0; r < opt.burst_repeats; ++r) {
     std::string text;
     std::string last_id;

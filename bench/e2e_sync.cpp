@@ -65,7 +65,7 @@ bool measure_sync(bench_session& s, const bench_paths& paths, int n, sync_sample
     return false;
   }
   // From its start, which comes just before the connect.
-  out.cpu_wait_ms = static_cast<double>(process_cpu_wait_us(s.backend.pid)) / 1000.0;
+  out.cpu_wait_ms = static_cast<double>(process_cpu_wait_us(s.backend.child.pid)) / 1000.0;
   const us_time_t t0 = s.backend_log.lines[static_cast<std::size_t>(connect)].t;
   const us_time_t t1 = s.records[static_cast<std::size_t>(report)].t;
   out.ms = static_cast<double>(t1 - t0) / 1000.0;
@@ -77,7 +77,7 @@ void measure_rest(bench_session& s, int seconds, std::vector<bench_row>& rows) {
   progress("%d s at rest, connected", seconds);
   // Let the reports that follow the sync go out first.
   session_pump_until(s, monotonic_now_us() + 1000000);
-  const int pid = s.backend.pid;
+  const int pid = s.backend.child.pid;
   const std::size_t log_from = s.emulator_log.lines.size();
   const us_time_t t0 = monotonic_now_us();
   const std::uint64_t cpu0 = process_cpu_us(pid);
@@ -122,7 +122,7 @@ void measure_rest_null_stderr(const bench_paths& paths, std::vector<bench_row>& 
     rows.push_back({what, "failed: no synchronisation", "", "", "", "", ""});
     return;
   }
-  const int pid = s.backend.pid;
+  const int pid = s.backend.child.pid;
   const us_time_t t0 = monotonic_now_us();
   const std::uint64_t cpu0 = process_cpu_us(pid);
   const std::uint64_t wait0 = process_cpu_wait_us(pid);

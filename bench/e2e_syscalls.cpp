@@ -118,8 +118,8 @@ void run_syscall_count(const bench_paths& paths, const e2e_options& opt,
     return;
   }
   // The end of input ends the backend, and strace writes out its trace.
-  close_input(s.backend);
-  (void)wait_exit(s.backend, 10000);
+  child_close_input(s.backend.child);
+  (void)child_wait_exit(s.backend.child, 10000);
   std::map<std::string, long> counts;
   long total = 0;
   if (!count_window(trace, counts, total)) {

@@ -1,6 +1,5 @@
 #include "harness.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,10 +10,12 @@
 namespace {
 
 constexpr int start_wait_ms = 10000;
+constexpr int send_wait_ms = 10000;
 
 // Splits newly read bytes into lines, all stamped with the time of the read.
-void take_bytes(timed_stream& s, const char* bytes, std::size_t n, us_time_t now) {
-  s.partial.append(bytes, n);
+void take_bytes(timed_stream& s, std::string& bytes, us_time_t now) {
+  s.partial += bytes;
+  bytes.clear();
   std::size_t start = 0;
   for (std::size_t nl; (nl = s.partial.find('\n', start)) != std::string::npos; start = nl + 1) {
     s.lines.push_back({now, s.partial.substr(start, nl - start)});
@@ -22,36 +23,17 @@ void take_bytes(timed_stream& s, const char* bytes, std::size_t n, us_time_t now
   s.partial.erase(0, start);
 }
 
-// Parent records are blocks of lines ended by an empty line.
-void take_record_lines(bench_session& s, std::size_t first_new) {
-  for (std::size_t i = first_new; i < s.backend_out.lines.size(); ++i) {
-    const timed_text& line = s.backend_out.lines[i];
-    if (!line.text.empty()) {
-      s.record_lines += line.text + "\n";
-      continue;
-    }
-    s.records.push_back({line.t, s.record_lines});
-    s.record_lines.clear();
-  }
-}
-
-// Reads everything waiting on fd into stream; closes fd at end of stream.
-void drain_fd(int& fd, timed_stream& stream) {
-  while (fd >= 0) {
-    char chunk[65536];
-    const ssize_t n = read(fd, chunk, sizeof chunk);
-    if (n > 0) {
-      take_bytes(stream, chunk, static_cast<std::size_t>(n), monotonic_now_us());
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else {
-      if (n == 0 || errno != EAGAIN) {
-        close(fd);
-        fd = -1;
-      }
-      return;
-    }
-  }
+// Stamps what the last pump read: the emulator's lines as they are, the
+// backend's records and diagnostic lines as the client split them.
+void take_output(bench_session& s) {
+  const us_time_t now = monotonic_now_us();
+  take_bytes(s.emulator_log, s.emulator.err_buf, now);
+  take_bytes(s.emulator_log, s.emulator.out_buf, now);
+  client_take_output(s.backend);
+  for (client_diag& d : s.backend.diags) s.backend_log.lines.push_back({d.at, std::move(d.text)});
+  s.backend.diags.clear();
+  for (client_record& r : s.backend.records) s.records.push_back({r.at, std::move(r.text)});
+  s.backend.records.clear();
 }
 
 std::string config_text(const bench_session& s) {
@@ -62,61 +44,22 @@ std::string config_text(const bench_session& s) {
 
 bool session_start_emulator(bench_session& s, const bench_paths& paths,
                             const std::vector<std::string>& extra) {
-  std::vector<std::string> argv{"switcher_emulator", "--port", "0", "--verbose", "--no-controls"};
-  argv.insert(argv.end(), extra.begin(), extra.end());
-  if (!spawn(s.emulator, paths.emulator, argv)) {
-    std::fprintf(stderr, "bench: cannot start %s\n", paths.emulator.c_str());
-    return false;
-  }
-  // The first line of its standard output ends with the port.
-  const std::string first = read_line(s.emulator, start_wait_ms);
-  const std::size_t blank = first.find_last_of(' ');
-  if (blank == std::string::npos) {
-    std::fprintf(stderr, "bench: the emulator did not start: %s\n", s.emulator.err_buf.c_str());
-    return false;
-  }
-  s.port = first.substr(blank + 1);
-  take_bytes(s.emulator_log, s.emulator.err_buf.data(), s.emulator.err_buf.size(),
-             monotonic_now_us());
-  s.emulator.err_buf.clear();
-  return true;
+  std::vector<std::string> options{"--verbose", "--no-controls"};
+  options.insert(options.end(), extra.begin(), extra.end());
+  s.port = client_start_emulator(s.emulator, paths.emulator, options, start_wait_ms);
+  take_output(s);
+  return !s.port.empty();
 }
 
 bool session_start_backend(bench_session& s, const bench_paths& paths,
                            const std::vector<std::string>& wrapper) {
   const std::string cfg = s.dir.write("router.cfg", config_text(s));
-  std::vector<std::string> argv = wrapper;
-  argv.insert(argv.end(), {paths.backend, "--file", cfg});
-  const std::string& program = wrapper.empty() ? paths.backend : wrapper.front();
-  if (!spawn(s.backend, program, argv)) {
-    std::fprintf(stderr, "bench: cannot start %s\n", program.c_str());
-    return false;
-  }
-  return true;
+  return client_start(s.backend, paths.backend, {"--file", cfg}, wrapper);
 }
 
 void session_pump(bench_session& s, int ms) {
-  struct source {
-    int* fd;
-    timed_stream* stream;
-  };
-  const source sources[] = {{&s.emulator.err_fd, &s.emulator_log},
-                            {&s.emulator.out_fd, &s.emulator_log},
-                            {&s.backend.err_fd, &s.backend_log},
-                            {&s.backend.out_fd, &s.backend_out}};
-  pollfd p[4];
-  nfds_t n = 0;
-  for (const source& src : sources) {
-    if (*src.fd >= 0) p[n++] = pollfd{*src.fd, POLLIN, 0};
-  }
-  if (n == 0) {
-    usleep(static_cast<useconds_t>(ms) * 1000);
-    return;
-  }
-  if (poll(p, n, ms) <= 0) return;
-  const std::size_t first_new = s.backend_out.lines.size();
-  for (const source& src : sources) drain_fd(*src.fd, *src.stream);
-  take_record_lines(s, first_new);
+  child_pump(ms);
+  take_output(s);
 }
 
 void session_pump_until(bench_session& s, us_time_t deadline) {
@@ -126,25 +69,16 @@ void session_pump_until(bench_session& s, us_time_t deadline) {
 }
 
 bool session_send(bench_session& s, const std::string& text) {
-  const us_time_t deadline = monotonic_now_us() + 10000000;
-  std::size_t done = 0;
-  while (done < text.size()) {
-    if (s.backend.in_fd < 0 || monotonic_now_us() >= deadline) return false;
-    const ssize_t n = write(s.backend.in_fd, text.data() + done, text.size() - done);
-    if (n > 0) {
-      done += static_cast<std::size_t>(n);
-    } else if (n < 0 && errno == EAGAIN) {
-      // The backend takes its input a byte at a time. Wait for room instead
-      // of retrying at once, which would take a core from it, and keep its
-      // output flowing meanwhile so that it never stalls on a full pipe.
-      pollfd room{s.backend.in_fd, POLLOUT, 0};
-      (void)poll(&room, 1, 1);
-      session_pump(s, 0);
-    } else if (!(n < 0 && errno == EINTR)) {
-      return false;
-    }
+  // The backend takes its input a byte at a time: the pumps write the rest
+  // as it makes room, and keep its output flowing meanwhile so that it never
+  // stalls on a full pipe.
+  client_send_text(s.backend, text);
+  const us_time_t deadline = monotonic_now_us() + send_wait_ms * 1000ULL;
+  const child_process& c = s.backend.child;
+  while (c.in_fd >= 0 && !c.to_write.empty() && monotonic_now_us() < deadline) {
+    session_pump(s, 10);
   }
-  return true;
+  return c.in_fd >= 0 && c.to_write.empty();
 }
 
 long session_wait_record(bench_session& s, std::size_t from, const std::string& needle, int ms) {

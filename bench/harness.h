@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "base/clock.h"
-#include "support/process.h"
-#include "support/temp_file.h"
+#include "parent_client/client.h"
+#include "parent_client/temp_dir.h"
 
 // Where the two programs are.
 struct bench_paths {
@@ -34,12 +34,10 @@ struct timed_stream {
 struct bench_session {
   temp_dir dir;
   child_process emulator;  // --verbose: its stderr is the frame log
-  child_process backend;
-  timed_stream emulator_log;        // emulator standard error
-  timed_stream backend_log;         // backend standard error
-  timed_stream backend_out;         // backend standard output, line by line
+  parent_client backend;   // stopped first, as a parent stops it
+  timed_stream emulator_log;        // emulator standard output and error
+  timed_stream backend_log;         // backend standard error, line by line
   std::vector<timed_text> records;  // backend records, complete ones only
-  std::string record_lines;         // lines of the record being read
   std::string port;                 // the emulator's listening port
   std::vector<timed_text> marks;    // the driver's own events, for dumps
 };

@@ -7,7 +7,7 @@
 #include <tuple>
 
 #include "base/flags.h"
-#include "support/temp_file.h"
+#include "parent_client/temp_dir.h"
 
 namespace {
 

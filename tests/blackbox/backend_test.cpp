@@ -52,8 +52,8 @@ TEST_F(BackendTest, CommandLineAndStartUpChecksStopTheBinary) {
     child_process child;
     std::vector<std::string> argv{"zeph_route_grass_valley"};
     argv.insert(argv.end(), c.args.begin(), c.args.end());
-    ASSERT_TRUE(spawn(child, DAEMON_PATH, argv, c.stdout_path));
-    EXPECT_EQ(1, wait_exit(child, wait_ms));
+    ASSERT_TRUE(child_start(child, DAEMON_PATH, argv, c.stdout_path));
+    EXPECT_EQ(1, child_wait_exit(child, wait_ms));
     EXPECT_EQ(c.err, child.err_buf);
   }
 }
@@ -89,19 +89,20 @@ TEST_F(BackendTest, ServesParentUntilEndOfInput) {
   Send("no equals\n\r\n*TYPE=x\n*ID=1\n\n\0\0=\n"s + std::string(5000, 'v') + "\n");
   close_input(backend_);
   EXPECT_EQ(0, wait_exit(backend_, wait_ms));
-  EXPECT_EQ("", backend_.out_buf);
-  EXPECT_EQ("", backend_.err_buf);
+  EXPECT_TRUE(backend_.records.empty());
+  EXPECT_EQ("", backend_.partial_text);
+  EXPECT_TRUE(backend_.diags.empty());
 }
 
 TEST_F(BackendTest, SignalsEndIdleBinaryWithZero) {
   const std::string cfg = dir_.write("r.cfg", "inputs = 4\n");
   for (int sig : {SIGTERM, SIGHUP, SIGINT, SIGPIPE}) {
     SCOPED_TRACE(sig);
-    child_process c;
-    ASSERT_TRUE(spawn(c, DAEMON_PATH, {"zeph_route_grass_valley", "--file", cfg}));
+    parent_client c;
+    ASSERT_TRUE(client_start(c, DAEMON_PATH, {"--file", cfg}));
     // The first report comes from the main loop, which starts with the handlers set.
     ASSERT_NE("", read_record(c, wait_ms));
-    kill(c.pid, sig);
+    kill(c.child.pid, sig);
     EXPECT_EQ(0, wait_exit(c, wait_ms));
   }
 }
@@ -110,9 +111,9 @@ TEST_F(BackendTest, LockedConfigurationDelaysStartUp) {
   const std::string cfg = dir_.write("r.cfg", "inputs = 4\n");
   const int lock_fd = open(cfg.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(0, flock(lock_fd, LOCK_EX));
-  ASSERT_TRUE(spawn(backend_, DAEMON_PATH, {"zeph_route_grass_valley", "--file", cfg}));
+  ASSERT_TRUE(client_start(backend_, DAEMON_PATH, {"--file", cfg}));
   EXPECT_EQ("", wait_for_stderr(backend_, "inputs", 500));
-  EXPECT_FALSE(backend_.reaped);
+  EXPECT_FALSE(backend_.child.reaped);
   close(lock_fd);
   EXPECT_EQ("<DBG>Changing number of inputs to 4\n", wait_for_stderr(backend_, "inputs", wait_ms));
   close_input(backend_);

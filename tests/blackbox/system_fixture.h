@@ -1,15 +1,16 @@
 #pragma once
 
 // The real backend, and for the system scenarios the real switcher emulator,
-// both as children with pipes: the test plays the parent on the backend's
-// standard input and output and reads the emulator's verbose frame log.
+// both as children with pipes driven by the parent-side client: the test
+// plays the parent on the backend's standard input and output and reads the
+// emulator's verbose frame log.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "support/process.h"
-#include "support/temp_file.h"
+#include "parent_client/client.h"
+#include "parent_client/temp_dir.h"
 
 class SystemTest : public testing::Test {
  protected:
@@ -17,21 +18,18 @@ class SystemTest : public testing::Test {
 
   // Starts the emulator on an ephemeral port with the given extra options.
   void StartEmulator(const std::vector<std::string>& extra = {}) {
-    std::vector<std::string> argv{"switcher_emulator", "--port", "0", "--verbose"};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    ASSERT_TRUE(spawn(emu_, emulator_path_, argv));
-    const std::string first = read_line(emu_, wait_ms);
-    port_ = first.substr(first.find_last_of(' ') + 1);
-    ASSERT_FALSE(port_.empty()) << first;
+    std::vector<std::string> options{"--verbose"};
+    options.insert(options.end(), extra.begin(), extra.end());
+    port_ = client_start_emulator(emu_, emulator_path_, options, wait_ms);
+    ASSERT_FALSE(port_.empty());
   }
 
   // Starts the backend on config, which names the emulator once one runs;
   // words go on the command line before "--file".
   void StartBackend(std::string config = "", std::vector<std::string> words = {}) {
     if (!port_.empty()) config += "ip address = 127.0.0.1\nport = " + port_ + "\n";
-    words.insert(words.begin(), "zeph_route_grass_valley");
     words.insert(words.end(), {"--file", dir_.write("r.cfg", config)});
-    ASSERT_TRUE(spawn(backend_, daemon_path_, words));
+    ASSERT_TRUE(client_start(backend_, daemon_path_, words));
   }
 
   // Reads records until one holds needle; returns it, or "" at the deadline.
@@ -63,8 +61,68 @@ class SystemTest : public testing::Test {
 
   std::string emulator_path_ = EMULATOR_PATH;  // other builds: installed ones
   std::string daemon_path_ = DAEMON_PATH;
+
+  // The next record's text, its lines each with "\n" and without the empty
+  // line; "" when none came within timeout_ms.
+  static std::string read_record(parent_client& c, int timeout_ms) {
+    client_record r;
+    return client_next_record(c, timeout_ms, r) ? r.text : "";
+  }
+
+  // Waits for a line of standard error holding text and returns it with its
+  // "\n", consuming it and the lines before; "" when none came.
+  static std::string wait_for_stderr(parent_client& c, const std::string& text, int timeout_ms) {
+    client_diag line;
+    return client_wait_diag(c, text, timeout_ms, line) ? line.text + "\n" : "";
+  }
+  static std::string wait_for_stderr(child_process& c, const std::string& text, int timeout_ms) {
+    std::string line;
+    const auto found = [&] {
+      while (child_take_line(c.err_buf, line)) {
+        if (line.find(text) != std::string::npos) return true;
+      }
+      return false;
+    };
+    return child_wait(found, timeout_ms) ? line + "\n" : "";
+  }
+
+  // The next line of the child's standard output without its "\n"; "" when
+  // none came within timeout_ms.
+  static std::string read_line(child_process& c, int timeout_ms) {
+    std::string line;
+    return child_wait([&] { return child_take_line(c.out_buf, line); }, timeout_ms) ? line : "";
+  }
+
+  static int wait_exit(child_process& c, int timeout_ms) { return child_wait_exit(c, timeout_ms); }
+
+  // All of the child's standard error not yet taken, after pumping for
+  // timeout_ms; consumes nothing.
+  static const std::string& stderr_so_far(child_process& c, int timeout_ms = 0) {
+    (void)child_wait([] { return false; }, timeout_ms);
+    return c.err_buf;
+  }
+
+  // Queues text for the child's standard input; false once that is closed.
+  static bool send_text(child_process& c, const std::string& text) {
+    child_write(c, text);
+    return c.in_fd >= 0;
+  }
+  static bool send_text(parent_client& c, const std::string& text) {
+    return send_text(c.child, text);
+  }
+
+  static void close_input(parent_client& c) { child_close_input(c.child); }
+
+  // The backend's exit status, or -1 when it did not exit within timeout_ms
+  // or died of a signal; what it wrote is then in records and diags.
+  static int wait_exit(parent_client& c, int timeout_ms) {
+    const int status = child_wait_exit(c.child, timeout_ms);
+    client_take_output(c);
+    return status;
+  }
+
   temp_dir dir_;
   child_process emu_;
-  child_process backend_;
+  parent_client backend_;  // stopped first, as it was started last
   std::string port_;
 };

@@ -38,22 +38,14 @@ void take_backend_line(soak_run& run, const std::string& line) {
   if (s.tail.size() > tail_lines) s.tail.pop_front();
 }
 
-// The backend's standard output: records of name=value lines, each ended by
-// an empty line. Every empty line ends one, whatever it holds, since replies
-// to report requests carry only a type and an id.
-void take_backend_output(soak_run& run, const std::string& line, us_time_t now) {
-  if (!line.empty()) {
-    parent_message_parse_line(run.incoming, line);
-    run.incoming_started = true;
-    return;
-  }
-  if (!run.incoming_started) {
+// One record of the backend's standard output. Replies to report requests
+// carry only a type and an id, so every record holds at least one line.
+void take_backend_record(soak_run& run, const client_record& record) {
+  if (record.text.empty()) {
     run_fail(run, "backend wrote an empty line outside a record");
     return;
   }
-  script_take_record(run.parent, run.layout, run.incoming, now);
-  parent_message_clear(run.incoming);
-  run.incoming_started = false;
+  script_take_record(run.parent, run.layout, record.msg, record.at);
 }
 
 // "route DEST SOURCE" lines of a "routes" answer, in switcher numbers.
@@ -69,15 +61,11 @@ void take_route_lines(soak_run& run) {
   run.route_lines.clear();
 }
 
-// The emulator's standard output: the port line, then the answers to the
+// The emulator's standard output after its port line: the answers to the
 // controls, each ended by "ok" or "error <reason>".
 void take_emulator_output(soak_run& run, const std::string& line) {
   if (line.compare(0, 6, "route ") == 0) {
     run.route_lines += line + "\n";
-    return;
-  }
-  if (line.compare(0, 30, "switcher_emulator listening on") == 0) {
-    run.emulator_port = line.substr(line.find_last_of(' ') + 1);
     return;
   }
   if (run.controls.empty()) {
@@ -93,10 +81,10 @@ void take_emulator_output(soak_run& run, const std::string& line) {
 
 // A child that ends before the soak lets it is a failure of the run.
 void check_alive(soak_run& run) {
-  if (run.backend.exited && !run.backend_may_end) {
-    run_fail(run, "backend ended: " + child_describe_end(run.backend));
+  if (run.backend.child.reaped && !run.backend_may_end) {
+    run_fail(run, "backend ended: " + child_describe_end(run.backend.child));
   }
-  if (run.emulator.exited && !run.backend_may_end) {
+  if (run.emulator.reaped && !run.backend_may_end) {
     run_fail(run, "emulator ended: " + child_describe_end(run.emulator));
   }
 }
@@ -104,15 +92,18 @@ void check_alive(soak_run& run) {
 }  // namespace
 
 void run_pump(soak_run& run, int wait_ms) {
-  child_pump({&run.emulator, &run.backend}, wait_ms);
-  const us_time_t now = monotonic_now_us();
-  std::string line;
+  client_pump(run.backend, wait_ms);
   // Diagnostics first: a connection note is then counted before the reports
   // that the synchronisation on that connection writes.
-  while (child_take_line(run.backend.err, line)) take_backend_line(run, line);
-  while (child_take_line(run.backend.out, line)) take_backend_output(run, line, now);
-  while (child_take_line(run.emulator.out, line)) take_emulator_output(run, line);
-  while (child_take_line(run.emulator.err, line)) {
+  for (; !run.backend.diags.empty(); run.backend.diags.pop_front()) {
+    take_backend_line(run, run.backend.diags.front().text);
+  }
+  for (; !run.backend.records.empty(); run.backend.records.pop_front()) {
+    take_backend_record(run, run.backend.records.front());
+  }
+  std::string line;
+  while (child_take_line(run.emulator.out_buf, line)) take_emulator_output(run, line);
+  while (child_take_line(run.emulator.err_buf, line)) {
     if (run.emulator_log != nullptr) std::fprintf(run.emulator_log, "%s\n", line.c_str());
     else std::fprintf(stderr, "soak: emulator: %s\n", line.c_str());
   }

@@ -7,8 +7,7 @@
 #include <map>
 #include <string>
 
-#include "parent/message.h"
-#include "soak/child.h"
+#include "parent_client/client.h"
 #include "soak/script.h"
 
 // One soak run: the two children, the scripted parent, the emulator's control
@@ -29,16 +28,13 @@ struct backend_stats {
 struct soak_run {
   soak_layout layout;
   soak_parent parent;
-  soak_child emulator;
-  soak_child backend;
+  child_process emulator;
+  parent_client backend;
   backend_stats stats;
   std::FILE* backend_log = nullptr;   // every backend diagnostic line, when asked for
   std::FILE* emulator_log = nullptr;  // the emulator's verbose log, when asked for
   std::string failure;                // the first thing found wrong
   bool backend_may_end = false;       // set once the soak closes its input
-  parent_message incoming;            // backend record being read
-  bool incoming_started = false;
-  std::string emulator_port;          // from the emulator's first line
   std::deque<std::string> controls;   // sent to the emulator, not yet answered
   std::string route_lines;            // "route" lines of the answer being read
   std::map<std::int64_t, std::int64_t> switcher_routes;  // output -> input position

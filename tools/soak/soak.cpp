@@ -83,15 +83,14 @@ std::uint64_t draw_ms(soak_run& run, std::uint64_t min, std::uint64_t spread) {
 // the faults spoil also moves them.
 bool start(soak_run& run, const soak_options& o, const std::string& dir) {
   std::vector<std::string> emu = {
-      "switcher_emulator", "--port", "0",
       "--outputs", std::to_string(run.layout.outputs),
       "--inputs", std::to_string(run.layout.inputs),
       "--output-base", std::to_string(run.layout.output_base),
       "--input-base", std::to_string(run.layout.input_base),
       "--seed", std::to_string(o.seed), "--chaos-slice", std::to_string(o.slice_ms)};
   if (run.emulator_log != nullptr) emu.push_back("--verbose");
-  if (!child_start(run.emulator, o.emulator, emu)) return false;
-  if (!run_until(run, 10000, [&run] { return !run.emulator_port.empty(); })) {
+  const std::string port = client_start_emulator(run.emulator, o.emulator, emu, 10000);
+  if (port.empty()) {
     run_fail(run, "emulator did not say its port");
     return false;
   }
@@ -101,9 +100,9 @@ bool start(soak_run& run, const soak_options& o, const std::string& dir) {
     run_fail(run, "cannot write " + cfg);
     return false;
   }
-  std::fprintf(f, "ip address = 127.0.0.1\nport = %s\n", run.emulator_port.c_str());
+  std::fprintf(f, "ip address = 127.0.0.1\nport = %s\n", port.c_str());
   std::fclose(f);
-  return child_start(run.backend, o.backend, {"zeph_route_grass_valley", "--file", cfg});
+  return client_start(run.backend, o.backend, {"--file", cfg});
 }
 
 // The clean start: the first synchronisation gives the memory baseline,
@@ -114,7 +113,7 @@ bool first_sync(soak_run& run, long& rss_base) {
     return false;
   }
   (void)run_until(run, 1000, [] { return false; });
-  rss_base = child_status_kib(run.backend, "VmRSS");
+  rss_base = child_status_kib(run.backend.child, "VmRSS");
   return run.failure.empty();
 }
 
@@ -129,7 +128,7 @@ void chaos(soak_run& run, const soak_options& o) {
   std::uint64_t renames = 0;
   for (us_time_t now = now0; now < end && run.failure.empty(); now = monotonic_now_us()) {
     if (now >= next_request && run.parent.pending.size() < max_waiting_requests) {
-      child_write(run.backend, script_next_request(run.parent, run.layout, now));
+      client_send_text(run.backend, script_next_request(run.parent, run.layout, now));
       next_request = now + draw_ms(run, request_gap_min_ms, request_gap_spread_ms) * 1000;
     }
     if (now >= next_take) {
@@ -246,7 +245,7 @@ bool soak(soak_run& run, const soak_options& o, const std::string& dir) {
   if (!start(run, o, dir) || !first_sync(run, rss_base)) return false;
   chaos(run, o);
   if (!run.failure.empty() || !recover(run, agree_after_s)) return false;
-  const long rss_end = child_status_kib(run.backend, "VmRSS");
+  const long rss_end = child_status_kib(run.backend.child, "VmRSS");
   if (rss_base < 0 || rss_end < 0) {
     run_fail(run, "cannot read the backend's VmRSS");
     return false;
@@ -258,13 +257,13 @@ bool soak(soak_run& run, const soak_options& o, const std::string& dir) {
   }
   // The end of its input ends the backend, with status 0.
   run.backend_may_end = true;
-  child_close_input(run.backend);
-  if (!run_until(run, 10000, [&run] { return run.backend.exited; })) {
+  child_close_input(run.backend.child);
+  if (!run_until(run, 10000, [&run] { return run.backend.child.reaped; })) {
     run_fail(run, "backend did not end within 10 s of the end of its input");
     return false;
   }
-  if (child_describe_end(run.backend) != "exit status 0") {
-    run_fail(run, "backend ended with " + child_describe_end(run.backend));
+  if (child_describe_end(run.backend.child) != "exit status 0") {
+    run_fail(run, "backend ended with " + child_describe_end(run.backend.child));
     return false;
   }
   print_summary(run, o, rss_base, rss_end, agree_after_s);
@@ -300,7 +299,8 @@ int main(int argc, char** argv) {
                  static_cast<unsigned long long>(o.seed), run.failure.c_str());
     print_tail(run);
   }
-  child_stop(run.backend);
+  // Stopped as a parent stops it: end of input, SIGTERM only if that fails.
+  child_stop(run.backend.child);
   child_stop(run.emulator);
   for (std::FILE* f : {run.backend_log, run.emulator_log}) {
     if (f != nullptr) std::fclose(f);

@@ -185,6 +185,17 @@ int main(int argc, char** argv) {
   // socket could take that number.
   s.opt.control_stdin = fcntl(0, F_GETFD) != -1;
   if (!parse_options(argc, argv, s)) return 1;
+  // In the background of a terminal ("&" in an interactive shell) a read of
+  // it would stop us with SIGTTIN, and a client would wait for answers in
+  // vain: controls stay off there. Ignoring the signal makes a later read in
+  // the background fail instead, which ends the controls the same way.
+  if (s.opt.control_stdin && isatty(0) == 1 && tcgetpgrp(0) != getpgrp()) {
+    s.opt.control_stdin = false;
+    std::fprintf(stderr, "switcher_emulator: in the background of a terminal: "
+                         "no controls from it\n");
+  }
+  std::signal(SIGTTIN, SIG_IGN);
+  std::signal(SIGTTOU, SIG_IGN);
   if (!s.opt.pcap_path.empty() && !pcap_open(s.opt.pcap_path.c_str())) return 1;
   if (!server_open(s)) return 1;
   std::signal(SIGINT, on_signal);

@@ -1,11 +1,11 @@
-#include "support/temp_file.h"
+#include "parent_client/temp_dir.h"
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
 temp_dir::temp_dir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "zeph-test-XXXXXX").string();
+  std::string pattern = (std::filesystem::temp_directory_path() / "zeph-XXXXXX").string();
   if (mkdtemp(pattern.data()) != nullptr) path = pattern;
 }
 

@@ -2,8 +2,9 @@
 
 #include <string>
 
-// A private temporary directory for one test, removed with all it holds when
-// the object goes.
+// A private temporary directory (for a test, or for the configuration the
+// console writes for its emulator), removed with all it holds when the object
+// goes. path is empty when it could not be made.
 struct temp_dir {
   temp_dir();
   ~temp_dir();

@@ -1,0 +1,120 @@
+// The console driven through pipes, as a script drives it, against the
+// emulator: takes by number and by name, the routes table after a take and
+// after a rename on the switcher, refused lines, error replies, and the
+// backend ending under it.
+#include "blackbox/system_fixture.h"
+
+namespace {
+
+class ConsoleTest : public SystemTest {
+ protected:
+  // Starts the console on a configuration naming the emulator.
+  void StartConsole() {
+    const std::string cfg =
+        dir_.write("c.cfg", "ip address = 127.0.0.1\nport = " + port_ + "\n");
+    ASSERT_TRUE(child_start(console_, CONSOLE_PATH,
+                            {"zeph_route_console", "--backend", DAEMON_PATH, "--file", cfg}));
+  }
+  void Type(const std::string& lines) { child_write(console_, lines); }
+  // The console's output up to and including the line holding text, taken;
+  // "" when it did not come.
+  std::string Until(const std::string& text) {
+    std::string seen;
+    const auto found = [&] {
+      for (std::string line; child_take_line(console_.out_buf, line);) {
+        seen += line + "\n";
+        if (line.find(text) != std::string::npos) return true;
+      }
+      return false;
+    };
+    return child_wait(found, wait_ms) ? seen : "";
+  }
+  // Ends its input and returns its exit status.
+  int End() {
+    child_close_input(console_);
+    return child_wait_exit(console_, wait_ms);
+  }
+  child_process console_;  // stopped first: it stops its backend itself
+};
+
+TEST_F(ConsoleTest, TakesByNumberAndNameAndShowsRoutesAfterTakesAndRenames) {
+  StartEmulator({"--outputs", "4", "--inputs", "8"});
+  StartConsole();
+  Type("wait\ntake 2 5\ntake \"OUT 4\" \"CAM 1\"\n");
+  EXPECT_NE("", Until("ok: add o2 OUT 3 <- i5 CAM 6 (id 1)"));
+  EXPECT_NE("", Until("ok: add o3 OUT 4 <- i0 CAM 1 (id 3)"));
+  // The switcher's answer comes back through status polling.
+  EXPECT_NE("", Until("o2 OUT 3 <- i5 CAM 6"));
+  EXPECT_NE("", Until("o3 OUT 4 <- i0 CAM 1"));
+  Type("show routes\n");
+  EXPECT_EQ(
+      "> show routes\n"
+      " OUT  NAME     IN  NAME\n"
+      "   0  OUT 1     0  CAM 1\n"
+      "   1  OUT 2     1  CAM 2\n"
+      "   2  OUT 3     5  CAM 6\n"
+      "   3  OUT 4     0  CAM 1\n",
+      Until("   3  OUT 4"));
+
+  // Renames on the switcher's panel: the console shows the names reports
+  // as they come, and its table follows.
+  ASSERT_TRUE(send_text(emu_, "rename output 4 Studio D\n"));
+  EXPECT_NE("", Until("outputs: 4 names"));
+  ASSERT_TRUE(send_text(emu_, "rename input 1 Mic\n"));
+  EXPECT_NE("", Until("inputs: 8 names"));
+  Type("show routes\n");
+  const std::string table = Until("   3  Studio D");
+  EXPECT_NE(std::string::npos, table.find("   1  OUT 2        1  CAM 2\n")) << table;
+  EXPECT_NE(std::string::npos, table.find("   3  Studio D     0  Mic\n")) << table;
+  // A take by the new names; end of input then ends the backend and the
+  // console, which saw no error.
+  Type("take \"Studio D\" 7\n");
+  EXPECT_NE("", Until("ok: flush (id 6)"));
+  EXPECT_EQ(0, End());
+  EXPECT_NE(std::string::npos, console_.out_buf.find("backend stopped: exit status 0\n"));
+}
+
+TEST_F(ConsoleTest, RefusesBadLinesWithOneErrorEachAndShowsErrorReplies) {
+  StartEmulator({"--outputs", "4", "--inputs", "4"});
+  StartConsole();
+  Type("wait\n");
+  ASSERT_NE("", Until("outputs: 4 names"));
+  struct Case {
+    std::string line;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"tkae 1 2", "unknown command \"tkae\" (help lists them)"},
+      {"take 1", "take takes OUT IN (e.g. take 2 5)"},
+      {"flush now", "flush takes nothing more (e.g. flush)"},
+      {"take 4 1", "output 4 is out of range: the backend uses 4 outputs"},
+      {"add 0 \"CAM 9\"", "no input is named \"CAM 9\" in the latest inputs report"},
+      {"add \"1\" 1", "no output is named \"1\" in the latest outputs report"},
+      {"take \"OUT 1 2", "a quote is not closed"},
+      {"report levels", "report what? outputs or inputs"},
+      {"show everything", "show what? routes, inputs, outputs or info"},
+      {"log loud", "log level must be err, warn, note or dbg"},
+      {"emulator take 1 1", "no emulator runs: start the console with --emulator"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line);
+    Type(c.line + "\n");
+    EXPECT_EQ("> " + c.line + "\nerror: " + c.error + "\n", Until("error: "));
+  }
+  // None of them reached the backend: the next request is the first.
+  Type("raw\n*TYPE=command\n*COMMAND=Report\n*ID=r1\n\nreport inputs\n");
+  EXPECT_NE("", Until("error: raw record (id r1): Unknown command Report"));
+  EXPECT_NE("", Until("ok: report inputs (id 1)"));
+  EXPECT_EQ(1, End());
+}
+
+TEST_F(ConsoleTest, BackendThatEndsIsReportedWithItsStatus) {
+  // Without a configuration file the backend stops at start-up.
+  ASSERT_TRUE(child_start(console_, CONSOLE_PATH,
+                          {"zeph_route_console", "--backend", DAEMON_PATH, "--file",
+                           dir_.path + "/missing.cfg"}));
+  EXPECT_NE("", Until("error: the backend ended by itself: exit status 1"));
+  EXPECT_EQ(1, child_wait_exit(console_, wait_ms));
+}
+
+}  // namespace
