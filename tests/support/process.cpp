@@ -73,10 +73,21 @@ std::string take_stdout(child_process& c, const std::string& sep, int timeout_ms
 
 }  // namespace
 
+// Stopped as a parent stops it: end of input, then SIGTERM, and SIGKILL only
+// when neither ended it. A child that ends by itself writes its coverage data
+// and runs its own closing steps.
 child_process::~child_process() {
   if (pid > 0 && !reaped) {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    // A backend busy in a synchronisation sees either only when it returns
+    // to its loop; the emulator ignores the end of its input.
+    close_if_open(in_fd);
+    if (wait_exit(*this, 1000) == -1 && !reaped) {
+      kill(pid, SIGTERM);
+      if (wait_exit(*this, 15000) == -1 && !reaped) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+      }
+    }
   }
   close_if_open(in_fd);
   close_if_open(out_fd);

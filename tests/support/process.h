@@ -6,7 +6,8 @@
 #include <vector>
 
 // A program run as a child with pipes on its descriptors 0, 1 and 2. The
-// destructor always kills and reaps it.
+// destructor stops it as a parent would (end of input, then SIGTERM, SIGKILL
+// only after a timeout) and reaps it.
 struct child_process {
   pid_t pid = -1;
   int in_fd = -1, out_fd = -1, err_fd = -1;  // our ends of its stdin, stdout and stderr
