@@ -62,6 +62,7 @@ bool child_start(soak_child& c, const std::string& path, const std::vector<std::
     return false;
   }
   std::vector<char*> args;
+  args.reserve(argv.size() + 1);
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
   c.pid = fork();

@@ -55,7 +55,8 @@ void take_routing_report(soak_parent& p, const soak_layout& layout, const parent
     const std::int64_t output = std::atoll(name.c_str() + 1);
     const std::int64_t input = value == "none" ? -1 : std::atoll(value.c_str());
     if (output < 0 || output >= layout.outputs || input < -1 || input >= layout.inputs) {
-      fail(p, "routing report names a route the switcher cannot have: " + name + "=" + value);
+      std::string why = "routing report names a route the switcher cannot have: ";
+      fail(p, why.append(name).append("=").append(value));
       continue;
     }
     p.routes[output] = input;
