@@ -259,9 +259,12 @@ TEST_F(RouterLinkTest, ConnectThenWatchdog) {
   // No frame leaves while a connect is still in progress.
   connection_set_connect_in_progress_for_test(true);
   router_message msg = make_router_request("BK");
+  EXPECT_FALSE(connection_ready());
   EXPECT_FALSE(connection_sendmsg(msg));
   EXPECT_FALSE(connection_tx_pending());
-  connection_set_connect_in_progress_for_test(false);
+  // The link step finishes it.
+  EXPECT_EQ("<NOTE>Connection sucessful.\n", stderr_of(connection_poll));
+  EXPECT_TRUE(connection_ready());
 
   EXPECT_EQ("", stderr_of(connection_poll));
   connection_set_last_activity_for_test(monotonic_now_us() - twenty_one_s);
@@ -442,6 +445,7 @@ TEST_F(RouterLinkTest, CloseResetsAHalfReceivedMessage) {
   EXPECT_TRUE(receive_in_progress());
   stderr_of(connection_close);
   EXPECT_FALSE(receive_in_progress());
+  EXPECT_EQ("", connection_recvmsg().raw);  // nothing to read without a socket
   close_fd(script.fd);
   connection_set_next_connect_time_for_test(0);
   stderr_of([this] { LinkUp(); });
@@ -464,10 +468,14 @@ TEST_F(RouterLinkTest, RepliesEndAsTheirSequenceFlagsSay) {
         framed("N0QN\tD") + framed("N0QN\tE")},
        "QN:A QN:B QN:C QN:D"},
       {"another command ends the run", "QN", {framed("N1QN\tA"), framed("N1DQ\t1")}, "QN:A DQ:1"},
+      {"another protocol ends the run", "QN", {framed("N1QN\tA"), framed("X1QN\tB")},
+       "QN:A QN:B"},
+      {"an error ends the run", "QN", {framed("N1QN\tA"), framed("N1ER\t05")}, "QN:A ER:05"},
       {"NAK ends the reply", "TI", {"\x15" "0002\x04"}, ":"},
       {"ER naming QD answers QD", "QD", {framed("N0ER\t00\tQD"), framed("N0BK")}, "ER:00,QD"},
       {"failed ER is never stale", "BK", {framed("N0ER\t05\tQD"), framed("N0BK")}, "ER:05,QD"},
       {"stale status ER skipped", "BK", {framed("N0ER\t00\tQD"), framed("N0BK")}, "BK:"},
+      {"ER naming nothing is the reply", "BK", {framed("N0ER\t00"), framed("N0BK")}, "ER:00"},
       // Last: a parent request served while waiting runs an exchange of its own.
       {"nested", "BK", {"", framed("N0IQ\t1\t5"), framed("N0BK")}, "BK:"},
   };

@@ -241,6 +241,8 @@ TEST_F(CommandServiceTest, DispatcherRepliesAndErrorTexts) {
       // Error paths follow
       {"from input= 3\nqueue=add\nto output=2\n", "-1>2"},
       {"from input=16ab\nqueue=add\nto output=2\n", "-1>2"},  // not below the active inputs
+      {"from input=a3\nqueue=add\nto output=2\n", "-1>2"},
+      {"from input=1\nqueue=discard\nto output=2\n", ""},
       {"from input=1\nqueue=add\nto output=16\n", ""},
   };
   for (const auto& [fields, queued] : routes) {

@@ -175,6 +175,8 @@ TEST_F(SynchronisationTest, IdentityTexts) {
       {"continued model answer",
        {{"BK N", frame("KB", {"N", "A"}, '1') + frame("KB", {"N", "B"})}}, "", ""},
       {"model answer refused", {{"BK N", "\x15" "0001\x04"}}, "", ""},
+      {"model answer without text", {{"BK N", frame("KB", {"N"})}}, "", ""},
+      {"empty model", {{"BK N", frame("KB", {"N", "", "x"})}}, "", ""},
       {"type answer for another letter", {{"BK R", rev}, {"BK T", frame("KB", {"R", "V5"})}}, "",
        "2.1"},
   };
@@ -207,6 +209,8 @@ TEST_F(SynchronisationTest, FailedStepsAbandonOrGoOn) {
     std::string lines;
     bool handed_over;
   };
+  // Without a connection there is nothing to synchronise.
+  EXPECT_EQ("", StderrOf(initial_sync));
   const Case cases[] = {
       {"", "", 10, ack, true},
       {"", frame("ER", {"05", "BK"}), 10,
@@ -288,12 +292,16 @@ TEST_F(StatusPollingTest, ChangeFlagsAndChangedDestinations) {
       {"continued answer", {{"QD", frame("DQ", {"B", "2"}, '1') + frame("DQ", {"A", "1"})}}, "3",
        {"BK F", "QD", "QI 1 0", "QI 2 0", "QI 3 0"}},
       {"only active outputs", {{"QD", frame("DQ", {"A", "1"})}}, "2", {"BK F", "QD", "QI 1 0"}},
+      {"only the switcher's outputs", {{"QD", frame("DQ", {"A", "1"})}}, "5",
+       {"BK F", "QD", "QI 1 0", "QI 3 0"}},
       // Error paths follow: unusable answers are ignored.
       {"flags in two messages",
        {{"BK F", frame("KB", {"F", "4"}, '1') + frame("KB", {"F", "4"})}}, "3", plain},
       {"flags answer for another letter", {{"BK F", frame("KB", {"X", "4"})}}, "3", plain},
       {"flags answer without flags", {{"BK F", frame("KB", {"F"})}}, "3", plain},
       {"no destination of that name", {{"QD", frame("DQ", {"Z", "1"})}}, "3", plain},
+      {"destination without its number", {{"QD", frame("DQ", {"A"})}}, "3", plain},
+      {"destinations query refused", {{"QD", "\x15" "0001\x04"}}, "3", plain},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -355,6 +363,12 @@ TEST_F(StatusPollingTest, OnlyTheLastUnsolicitedMessageIsLogged) {
     EXPECT_TRUE(received_queue_empty());
     EXPECT_EQ(strings{}, sw.heard);
   }
+  // A link lost before a due request starts sends nothing.
+  clear_flag(process_flag::sync_needed);
+  set_next_status_poll(1);
+  close_fd(sw.fd);
+  EXPECT_EQ("<NOTE>Connection suddenly dropped\n<NOTE>Connection to router closed\n",
+            StderrOf(status_polling_step));
 }
 
 }  // namespace
