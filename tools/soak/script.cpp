@@ -118,7 +118,8 @@ std::string junk_record(soak_parent& p, us_time_t now) {
                      "route output", "");
     case 7:  // a setting nobody knows, and now and then a very long value
       if (draw(p, 16) == 0) {
-        return "*COMMAND=note\n*TYPE=bogus\nvalue=" + std::string(std::size_t{64} * 1024, 'v') + "\n\n";
+        const std::string value(std::size_t{64} * 1024, 'v');
+        return "*COMMAND=note\n*TYPE=bogus\nvalue=" + value + "\n\n";
       }
       return "*COMMAND=set\n*TYPE=message\nname=colour\nvalue=\n\n";
     default: {  // stray bytes on a line of their own, without "="
