@@ -428,7 +428,8 @@ TEST_F(RouterLinkTest, UnsendableRequestEndsTheExchange) {
     EXPECT_EQ(linked ? "<ERR>Unable to send message\n<NOTE>Connection to router closed\n"
                      : "<ERR>Unable to send message\n",
               stderr_of([&] {
-                EXPECT_FALSE(do_timeout_send_and_recv(msg, response, monotonic_now_us() + 2'000'000));
+                const us_time_t deadline = monotonic_now_us() + 2'000'000;
+                EXPECT_FALSE(do_timeout_send_and_recv(msg, response, deadline));
               }));
     EXPECT_TRUE(response.empty());
     EXPECT_FALSE(connection_is_open());

@@ -18,7 +18,8 @@ tcp_listener listen_loopback(const char* address, std::uint16_t port) {
   const int one = 1;
   socklen_t len = sizeof addr;
   if (l.fd < 0 || inet_aton(address, &addr.sin_addr) == 0 ||
-      setsockopt(l.fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 || bind(l.fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      setsockopt(l.fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+      bind(l.fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       listen(l.fd, 8) != 0 || getsockname(l.fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
     close_fd(l.fd);
     return l;

@@ -200,7 +200,8 @@ TEST_F(SynchronisationTest, IdentityTexts) {
 // sent or reported. Failed names queries let it go on, each later exchange
 // failing at once on the closed link.
 TEST_F(SynchronisationTest, FailedStepsAbandonOrGoOn) {
-  const std::string ack = "<DBG>Router BK sync ack\n", closed = "<NOTE>Connection to router closed\n";
+  const std::string ack = "<DBG>Router BK sync ack\n";
+  const std::string closed = "<NOTE>Connection to router closed\n";
   const std::string unsendable = "<ERR>Unable to send message\n";
   struct Case {
     std::string close_after;  // "-": before the handshake is sent
