@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "fuzz_support.h"
@@ -34,7 +35,7 @@ std::vector<parent_message> read_records(std::string_view text) {
       parent_message_parse_line(m, line);
       line.clear();
     } else if (parent_message_complete(m)) {
-      records.push_back(m);
+      records.push_back(std::move(m));
       parent_message_clear(m);
     }
   }
