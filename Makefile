@@ -43,9 +43,11 @@ coverage-prereqs:
 lint: lint-prereqs
 	./tools/lint.sh
 
+# clang itself too: the fuzz targets' compilation database needs it to configure.
 lint-prereqs:
 	@need=""; \
 	for tool in clang-tidy cppcheck; do command -v $$tool >/dev/null || need="$$need $$tool"; done; \
+	command -v clang++ >/dev/null || need="$$need clang"; \
 	[ -z "$$need" ] || ./.ci/install $$need
 
 # libFuzzer targets (clang, AddressSanitizer, UndefinedBehaviorSanitizer):
