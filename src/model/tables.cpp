@@ -119,9 +119,10 @@ void set_firmware_version(const std::string& text) { firmware_text = text; }
 
 // Groups are name, destination number, an unused field and the group value.
 void update_dest_info(const std::vector<router_message>& response) {
-  std::vector<router_entry>& router_outputs_info = outputs.entries;
   begin_names_update(outputs);
   scan_names_groups(response, "ID", "D", 4, [&](const router_message& rawmsg, std::size_t i) {
+    // Named for the table, as the assertion's text names it.
+    std::vector<router_entry>& router_outputs_info = outputs.entries;
     std::uint64_t index = 0;
     if (!place_number(outputs, read_hex(rawmsg.parameters[i + 1]), index)) return;
     assert(index < router_outputs_info.size());
@@ -137,9 +138,10 @@ void update_dest_info(const std::vector<router_message>& response) {
 
 // The same layout as the destinations, for the sources.
 void update_sources_info(const std::vector<router_message>& response) {
-  std::vector<router_entry>& router_inputs_info = inputs.entries;
   begin_names_update(inputs);
   scan_names_groups(response, "IS", "S", 4, [&](const router_message& rawmsg, std::size_t i) {
+    // Named for the table, as the assertion's text names it.
+    std::vector<router_entry>& router_inputs_info = inputs.entries;
     std::uint64_t index = 0;
     if (!place_number(inputs, read_hex(rawmsg.parameters[i + 1]), index)) return;
     assert(index < router_inputs_info.size());
@@ -156,10 +158,10 @@ void update_sources_info(const std::vector<router_message>& response) {
 // Groups are name, level number and an unused field; levels are numbered
 // directly, without a base.
 void update_levels_info(const std::vector<router_message>& response) {
-  std::vector<std::string>& router_levels = levels;
-  router_levels.clear();
+  levels.clear();
   level_mask = 0;
   scan_names_groups(response, "L", nullptr, 3, [&](const router_message& rawmsg, std::size_t i) {
+    std::vector<std::string>& router_levels = levels;
     const std::uint64_t number = read_hex(rawmsg.parameters[i + 1]);
     if (number >= level_limit) return;
     if (router_levels.size() <= number) router_levels.resize(number + 1);

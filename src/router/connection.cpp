@@ -213,6 +213,9 @@ bool connection_ready() { return sock >= 0 && !connect_in_progress; }
 
 void connection_set_last_activity_for_test(us_time_t t) { last_activity_time = t; }
 void connection_set_next_connect_time_for_test(us_time_t t) { next_connect_time = t; }
+void connection_set_connect_in_progress_for_test(bool in_progress) {
+  connect_in_progress = in_progress;
+}
 us_time_t connection_next_connect_time_for_test() { return next_connect_time; }
 
 void connection_set_target_for_test(const std::string& address, std::int32_t port) {

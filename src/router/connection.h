@@ -49,11 +49,13 @@ void connection_queue_and_write(const char* bytes, std::size_t n);
 // A socket is open and connected: exchanges can start.
 [[nodiscard]] bool connection_ready();
 
-// Test hooks: the watchdog's and the retry timer's reference times, an
-// address and port used instead of the configured ones, and a return of the
-// whole link state to its start-up shape (closing any socket, dropping the
-// target override).
+// Test hooks: the watchdog's and the retry timer's reference times, the
+// connect-in-progress flag (loopback connects complete too fast to catch in
+// progress), an address and port used instead of the configured ones, and a
+// return of the whole link state to its start-up shape (closing any socket,
+// dropping the target override).
 void connection_set_last_activity_for_test(us_time_t t);
+void connection_set_connect_in_progress_for_test(bool in_progress);
 void connection_set_next_connect_time_for_test(us_time_t t);
 [[nodiscard]] us_time_t connection_next_connect_time_for_test();
 void connection_set_target_for_test(const std::string& address, std::int32_t port);

@@ -46,6 +46,8 @@ TEST_F(BackendTest, CommandLineAndStartUpChecksStopTheBinary) {
       {{"--file", link}, invalid(link)},
       {{"--file", cfg, "-file", missing}, invalid(missing)},
       {{"--file", cfg}, "Failed to prepare communications with parent process\n", dir_.path + "/o"},
+      // A regular file that cannot be read: the process's own memory from address 0.
+      {{"--file", "/proc/self/mem"}, "<ERR>Failure to read configuration\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
@@ -75,7 +77,11 @@ TEST_F(BackendTest, ServesParentUntilEndOfInput) {
       "*COMMAND=route output\n*TYPE=message\n*ID=45\n\n"
       "*COMMAND=report\n*TYPE=command\n*ID=46\nwhat=levels\n\n"
       "*COMMAND=Report\n*TYPE=command\n*ID=47\n\n");
-  EXPECT_NE(std::string::npos, read_record(backend_, wait_ms).find("\noutputs=4\n"));
+  EXPECT_EQ(
+      "*COMMAND=info\n*TYPE=message\ncompany=Grass Valley\nfirmware version=\n"
+      "inputs=16\nmodel=\noutput routing controls=all\noutputs=4\n"
+      "product=Grass Valley Native Protocol switcher or compatible\n",
+      WithoutCopyright(read_record(backend_, wait_ms)));
   EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=41\n", read_record(backend_, wait_ms));
   EXPECT_EQ("*COMMAND=route output\n*ERROR=Message route output ignored\n*TYPE=reply\n*ID=45\n",
             read_record(backend_, wait_ms));
@@ -84,7 +90,8 @@ TEST_F(BackendTest, ServesParentUntilEndOfInput) {
             read_record(backend_, wait_ms));
   EXPECT_EQ("*COMMAND=Report\n*ERROR=Unknown command Report\n*TYPE=reply\n*ID=47\n",
             read_record(backend_, wait_ms));
-  EXPECT_NE("", wait_for_stderr(backend_, "outputs to 4", wait_ms));
+  EXPECT_EQ("<DBG>Changing number of outputs to 4\n",
+            wait_for_stderr(backend_, "outputs to 4", wait_ms));
   // Lines the channel ignores or holds unanswered, NUL included, then the end.
   Send("no equals\n\r\n*TYPE=x\n*ID=1\n\n\0\0=\n"s + std::string(5000, 'v') + "\n");
   close_input(backend_);
@@ -113,7 +120,7 @@ TEST_F(BackendTest, LockedConfigurationDelaysStartUp) {
   ASSERT_EQ(0, flock(lock_fd, LOCK_EX));
   ASSERT_TRUE(client_start(backend_, DAEMON_PATH, {"--file", cfg}));
   EXPECT_EQ("", wait_for_stderr(backend_, "inputs", 500));
-  EXPECT_FALSE(backend_.child.reaped);
+  EXPECT_EQ(-1, wait_exit(backend_, 0));  // still waiting for the lock
   close(lock_fd);
   EXPECT_EQ("<DBG>Changing number of inputs to 4\n", wait_for_stderr(backend_, "inputs", wait_ms));
   close_input(backend_);

@@ -31,10 +31,13 @@ TEST_F(RecoveryTest, DroppedConnectionIsRebuiltAndResynchronised) {
   StartEmulator({"--outputs", "3", "--inputs", "3", "--close-after", "14"});
   StartBackend();
   const steady::time_point first = NextClient();
-  EXPECT_NE("", wait_for_stderr(backend_, "<NOTE>Connection suddenly dropped", wait_ms));
+  EXPECT_EQ("<NOTE>Connection suddenly dropped\n",
+            wait_for_stderr(backend_, "<NOTE>Connection suddenly dropped", wait_ms));
   ExpectParentServed("1");
   NextClient();
+  // The next attempt starts 5 s after the first one did.
   EXPECT_GT(SecondsSince(first), 4.0);
+  EXPECT_LT(SecondsSince(first), 8.0);
   EXPECT_NE("", wait_for_stderr(emu_, "recv BK N", wait_ms));
   EXPECT_NE("", WaitRecord("o2.input.all"));
 }
@@ -46,6 +49,7 @@ TEST_F(RecoveryTest, SilentSwitcherTimesOutAfterThreeSeconds) {
   const steady::time_point sent = steady::now();
   EXPECT_EQ("<ERR>Timeout receiving message\n", wait_for_stderr(backend_, "<ERR>", wait_ms));
   EXPECT_GT(SecondsSince(sent), 2.5);
+  EXPECT_LT(SecondsSince(sent), 5.0);
   EXPECT_EQ("<NOTE>Connection to router closed\n", wait_for_stderr(backend_, "<NOTE>", wait_ms));
   ExpectParentServed("2");
   NextClient();
@@ -57,26 +61,23 @@ TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
   const steady::time_point start = NextClient();
   EXPECT_EQ("<ERR>Timeout sending message\n", wait_for_stderr(backend_, "<ERR>", wait_ms));
   EXPECT_GT(SecondsSince(start), 4.0);
-  // Resent every 100 ms: about fifty handshakes in the five seconds.
-  const std::string& log = stderr_so_far(emu_, 300);
+  EXPECT_LT(SecondsSince(start), 7.0);
+  EXPECT_EQ("<NOTE>Connection to router closed\n",
+            wait_for_stderr(backend_, "<NOTE>Connection to router closed", wait_ms));
+  // Resent every 100 ms: about fifty handshakes on the connection given up.
+  const std::string* seen = &stderr_so_far(emu_);
+  for (int i = 0; i < 100 && seen->find("client closed") == std::string::npos; ++i) {
+    seen = &stderr_so_far(emu_, 100);
+  }
+  const std::size_t closed = seen->find("client closed");
+  ASSERT_NE(std::string::npos, closed);
+  const std::string log = seen->substr(0, closed);
   int handshakes = 0;
   for (std::size_t at = 0; (at = log.find("recv BK\n", at)) != std::string::npos; ++at) {
     ++handshakes;
   }
-  EXPECT_GE(handshakes, 25);
+  EXPECT_GE(handshakes, 45);
   EXPECT_LE(handshakes, 55);
-  EXPECT_NE("", wait_for_stderr(backend_, "<NOTE>Connection to router closed", wait_ms));
-}
-
-TEST_F(RecoveryTest, RefusedConnectionsAreRetriedEveryFiveSeconds) {
-  StartEmulator({"--refuse-for", "2500", "--outputs", "2", "--inputs", "2"});
-  StartBackend();
-  EXPECT_NE("", wait_for_stderr(emu_, "client refused", wait_ms));
-  const steady::time_point refused = steady::now();
-  ExpectParentServed("3");
-  NextClient();
-  EXPECT_GT(SecondsSince(refused), 4.0);
-  EXPECT_NE("", WaitRecord("o1.input.all"));
 }
 
 }  // namespace

@@ -60,6 +60,9 @@ TEST_F(RouterTablesTest, DestinationScan) {
         nq({"ID", "1", "b", "2", "x", "0"}), nq({"IS", "1", "c", "3", "x", "0"}),
         nq({"ID", "1", "d", "4", "x", "0"})},
        {"a", "b"}, 1, "<DBG>Outputs range from 1-2\n"},
+      // A repeated number: the later name wins. A reply without a group count is skipped.
+      {{nq({"ID"}), nq({"ID", "2", "A", "1", "x", "0", "B", "1", "x", "0"})}, {"B"}, 1,
+       "<DBG>Outputs range from 1-1\n"},
       // Error paths follow
       {{}, {}, 0, ""},
       {{nq({"ID", "1", "big", "400", "x", "0"})}, {}, 0, ""},
@@ -98,6 +101,8 @@ TEST_F(RouterTablesTest, LevelScan) {
   EXPECT_EQ(0x80000001u, router_level_mask());
   update_levels_info({nq({"L", "2", "Big", "20", "x", "Key", "2", "x"})});
   EXPECT_EQ((params{"", "", "Key"}), router_levels());  // level 32 is dropped
+  update_levels_info({nq({"L", "2", "B", "1", "x", "A", "0", "x"})});
+  EXPECT_EQ((params{"A", "B"}), router_levels());
 }
 
 TEST_F(RouterTablesTest, RouteStatus) {

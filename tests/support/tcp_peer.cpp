@@ -9,14 +9,17 @@
 #include <cerrno>
 #include <chrono>
 
-tcp_listener listen_loopback() {
+tcp_listener listen_loopback(const char* address, std::uint16_t port) {
   tcp_listener l;
   l.fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);  // port 0: the kernel picks one
+  addr.sin_port = htons(port);
+  const int one = 1;
   socklen_t len = sizeof addr;
-  if (l.fd < 0 || bind(l.fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+  if (l.fd < 0 || inet_aton(address, &addr.sin_addr) == 0 ||
+      setsockopt(l.fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+      bind(l.fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       listen(l.fd, 8) != 0 || getsockname(l.fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
     close_fd(l.fd);
     return l;

@@ -10,8 +10,9 @@ struct tcp_listener {
   std::uint16_t port = 0;
 };
 
-// Listens on an ephemeral port of 127.0.0.1; fd is -1 on failure.
-tcp_listener listen_loopback();
+// Listens on port (0: an ephemeral one) of the loopback address; fd is -1 on
+// failure.
+tcp_listener listen_loopback(const char* address = "127.0.0.1", std::uint16_t port = 0);
 // Accepts one connection within timeout_ms; -1 when none arrived.
 int accept_within(const tcp_listener& l, int timeout_ms);
 // Connects to port of 127.0.0.1 (blocking); -1 on failure.

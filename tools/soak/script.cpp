@@ -55,7 +55,8 @@ void take_routing_report(soak_parent& p, const soak_layout& layout, const parent
     const std::int64_t output = std::atoll(name.c_str() + 1);
     const std::int64_t input = value == "none" ? -1 : std::atoll(value.c_str());
     if (output < 0 || output >= layout.outputs || input < -1 || input >= layout.inputs) {
-      fail(p, "routing report names a route the switcher cannot have: " + name + "=" + value);
+      std::string why = "routing report names a route the switcher cannot have: ";
+      fail(p, why.append(name).append("=").append(value));
       continue;
     }
     p.routes[output] = input;
@@ -73,14 +74,71 @@ void take_reply(soak_parent& p, const parent_message& r, us_time_t now) {
     fail(p, "reply with id \"" + r.id + "\" answers no waiting request");
     return;
   }
-  if (r.command != it->second.command || !r.error.empty() || !r.fields.empty()) {
+  const soak_request& want = it->second;
+  if (r.command != want.command || r.error != want.error || !r.fields.empty()) {
     fail(p, "reply to request " + r.id + " has command \"" + r.command + "\" and error \"" +
-                r.error + "\"; wanted command \"" + it->second.command + "\" and no error");
+                r.error + "\"; wanted command \"" + want.command + "\" and error \"" +
+                want.error + "\"");
   }
   const us_time_t waited = now - it->second.sent;
   if (waited > p.longest_wait) p.longest_wait = waited;
   p.pending.erase(it);
   ++p.answered;
+}
+
+// A record the backend drops without a word, or refuses with an error reply
+// (noted as pending under a "j" id), or bytes outside any record.
+std::string junk_record(soak_parent& p, us_time_t now) {
+  ++p.junk;
+  const std::string id = "j" + std::to_string(p.next_id++);
+  const auto refused = [&](const std::string& text, const char* command, const char* error) {
+    p.pending[id] = {command, now, error};
+    return text;
+  };
+  switch (draw(p, 9)) {
+    case 0:  // unknown type
+      return "*COMMAND=route output\n*TYPE=bogus\n*ID=" + id + "\nqueue=flush\n\n";
+    case 1:  // no type at all
+      return "*COMMAND=report\n*ID=" + id + "\nwhat=inputs\n\n";
+    case 2:
+      return refused("*COMMAND=jump\n*TYPE=command\n*ID=" + id + "\n\n", "jump",
+                     "Unknown command jump");
+    case 3:
+      return refused("*COMMAND=ping\n*TYPE=message\n*ID=" + id + "\nx=1\n\n", "ping",
+                     "Message ping ignored");
+    case 4:  // no "what"
+      return refused("*COMMAND=report\n*TYPE=command\n*ID=" + id + "\n\n", "report",
+                     "I do not recognize what you are asking for");
+    case 5:  // an empty command
+      return refused("*COMMAND=\n*TYPE=command\n*ID=" + id + "\nx=\n\n", "",
+                     "Unknown command ");
+    case 6:  // empty fields: answered, changes nothing
+      return refused("*COMMAND=route output\n*TYPE=command\n*ID=" + id +
+                         "\nqueue=\nfrom input=\nto output=\n\n",
+                     "route output", "");
+    case 7:  // a setting nobody knows, and now and then a very long value
+      if (draw(p, 16) == 0) {
+        const std::string value(std::size_t{64} * 1024, 'v');
+        return "*COMMAND=note\n*TYPE=bogus\nvalue=" + value + "\n\n";
+      }
+      return "*COMMAND=set\n*TYPE=message\nname=colour\nvalue=\n\n";
+    default: {  // stray bytes on a line of their own, without "="
+      std::string bytes = "\x01\x7f stray";
+      bytes += '\0';
+      bytes += "\xff\r\n";
+      return bytes;
+    }
+  }
+}
+
+// The same record with CR LF line ends, which the backend reads as LF.
+std::string with_crlf(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '\n') out += '\r';
+    out += c;
+  }
+  return out;
 }
 
 }  // namespace
@@ -100,10 +158,12 @@ std::string script_next_request(soak_parent& p, const soak_layout& layout, us_ti
   }
   // Route requests are answered under their command; report requests are
   // answered without one.
-  p.pending[m.id] = {m.command == "route output" ? m.command : "", now};
+  p.pending[m.id] = {m.command == "route output" ? m.command : "", now, ""};
   ++p.sent[kind];
   std::string text;
   parent_message_serialise(m, text);
+  if (draw(p, 8) == 0) text = with_crlf(text);
+  if (draw(p, 3) == 0) text = junk_record(p, now) + text;
   return text;
 }
 

@@ -25,6 +25,7 @@ struct soak_layout {
 struct soak_request {
   std::string command;  // the reply's expected command: "route output", or empty
   us_time_t sent = 0;
+  std::string error;    // the reply's expected error text; empty for a valid request
 };
 
 struct soak_parent {
@@ -38,11 +39,16 @@ struct soak_parent {
   std::uint64_t routing_reports = 0;
   std::uint64_t full_reports = 0;   // routing reports that listed every output
   std::uint64_t info_reports = 0;
+  std::uint64_t junk = 0;           // malformed records and stray bytes sent
   std::string failure;              // the first thing found wrong; empty while all is well
 };
 
 // Builds the next request, chosen at random (mostly "add", then "flush",
 // "discard" and the two reports), notes it as pending and returns its text.
+// A misbehaving parent: now and then the text starts with a record the
+// backend must drop or refuse (unknown types and commands, missing or empty
+// fields, a 64 KiB value) or stray bytes, and some requests end their lines
+// in CR LF. Refused records wait for their error reply like requests.
 [[nodiscard]] std::string script_next_request(soak_parent& p, const soak_layout& layout,
                                               us_time_t now);
 

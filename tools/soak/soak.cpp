@@ -225,7 +225,8 @@ void print_summary(const soak_run& run, const soak_options& o, long rss_base, lo
     std::printf("%s%s %llu", sep, kind.c_str(), static_cast<unsigned long long>(n));
     sep = ", ";
   }
-  std::printf("), all answered; longest wait %.2f s\n", static_cast<double>(p.longest_wait) / 1e6);
+  std::printf("), all answered; longest wait %.2f s; %llu malformed records and stray bytes\n",
+              static_cast<double>(p.longest_wait) / 1e6, static_cast<unsigned long long>(p.junk));
   using ull = unsigned long long;
   std::printf("  backend: %llu connections, %llu closed, %llu timeouts, %llu watchdog drops, "
               "%llu stray bytes, %llu bad checksums, %llu status polls\n",

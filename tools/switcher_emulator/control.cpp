@@ -23,9 +23,10 @@ std::string next_word(std::string& rest) {
 void list_routes(const emulator_config& cfg, const emulator_state& st, std::string& out) {
   char line[64];
   for (std::size_t i = 0; i < st.routes.size(); ++i) {
+    const std::uint32_t source = cfg.input_base + st.routes[i];  // switcher numbers are 32-bit
     std::snprintf(line, sizeof line, "route %llu %llu\n",
-                  static_cast<unsigned long long>(cfg.output_base + i),
-                  static_cast<unsigned long long>(cfg.input_base + st.routes[i]));
+                  static_cast<unsigned long long>(cfg.output_base) + i,
+                  static_cast<unsigned long long>(source));
     out += line;
   }
 }

@@ -19,7 +19,7 @@
 namespace {
 
 // While this many answer bytes wait for the client, its requests wait too.
-constexpr std::size_t max_tx_bytes = 256 * 1024;
+constexpr std::size_t max_tx_bytes = std::size_t{256} * 1024;
 constexpr std::size_t read_chunk = 4096;
 
 // True with a 1-in-n chance; never when n is 0.

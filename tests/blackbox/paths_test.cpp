@@ -1,0 +1,41 @@
+// The real binary on paths the other black-box files leave out: the first
+// info report when no count ever changes, and a run-time address change that
+// rebuilds the connection, ended by the parent while connected.
+#include "blackbox/system_fixture.h"
+
+namespace {
+
+TEST_F(SystemTest, FirstInfoReportComesWithoutAnyCountChange) {
+  StartBackend("# no keys\n");
+  EXPECT_EQ(
+      "*COMMAND=info\n*TYPE=message\ncompany=Grass Valley\nfirmware version=\n"
+      "inputs=0\nmodel=\noutput routing controls=all\noutputs=0\n"
+      "product=Grass Valley Native Protocol switcher or compatible\n",
+      WithoutCopyright(read_record(backend_, wait_ms)));
+  close_input(backend_);
+  EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+  EXPECT_EQ("", backend_.out_buf);
+  EXPECT_EQ("", backend_.err_buf);
+}
+
+TEST_F(SystemTest, AddressChangeReconnectsAndTheEndClosesTheLink) {
+  StartEmulator({"--outputs", "2", "--inputs", "2"});
+  StartBackend();
+  ASSERT_NE("", WaitRecord("o1.name=OUT 2"));
+  // Another spelling of the same address is a changed value.
+  Send("*COMMAND=set\n*TYPE=message\nname=ip address\nvalue=127.1\n\n");
+  EXPECT_EQ("<NOTE>Connection to router closed\n",
+            wait_for_stderr(backend_, "<NOTE>Connection to router closed", wait_ms));
+  EXPECT_NE("", wait_for_stderr(emu_, "client closed", wait_ms));
+  EXPECT_NE("", wait_for_stderr(emu_, "client connected", wait_ms));
+  EXPECT_NE("", wait_for_stderr(emu_, "recv BK N", wait_ms));
+  ASSERT_NE("", WaitRecord("o1.name=OUT 2"));
+  close_input(backend_);
+  EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+  const std::string& log = backend_.err_buf;
+  const std::string note = "<NOTE>Connection to router closed\n";
+  ASSERT_GE(log.size(), note.size());
+  EXPECT_EQ(note, log.substr(log.size() - note.size()));
+}
+
+}  // namespace
