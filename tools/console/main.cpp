@@ -43,7 +43,7 @@ std::string find_program(const std::string& name) {
   for (std::size_t start = 0; start <= dirs.size();) {
     std::size_t end = dirs.find(':', start);
     if (end == std::string::npos) end = dirs.size();
-    const std::string candidate = dirs.substr(start, end - start) + "/" + name;
+    std::string candidate = dirs.substr(start, end - start) + "/" + name;
     if (end > start && access(candidate.c_str(), X_OK) == 0) return candidate;
     start = end + 1;
   }

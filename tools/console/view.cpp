@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
+#include <utility>
 
 namespace {
 
@@ -78,7 +80,11 @@ std::vector<std::string> view_names(const report_tables& t, bool output) {
 
 std::vector<std::string> view_info(const report_tables& t) {
   std::vector<std::string> lines;
-  for (const auto& [name, value] : t.info) lines.push_back(name + ": " + value);
+  for (const auto& [name, value] : t.info) {
+    std::string line = name + ": ";
+    line += value;
+    lines.push_back(std::move(line));
+  }
   return lines;
 }
 

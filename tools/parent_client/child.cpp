@@ -114,6 +114,7 @@ bool child_start(child_process& c, const std::string& path, const std::vector<st
   }
   // Built before fork: the child may only make async-signal-safe calls.
   std::vector<char*> args;
+  args.reserve(argv.size() + 1);
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
   const pid_t parent = getpid();

@@ -73,11 +73,13 @@ bool client_wait_reply(parent_client& c, const std::string& id, int timeout_ms,
   (void)child_wait(
       [&] {
         client_take_output(c);
-        for (auto r = c.records.begin(); r != c.records.end() && !found; ++r) {
+        for (auto r = c.records.begin(); r != c.records.end(); ++r) {
           if (r->msg.type != "reply" || r->msg.id != id) continue;
           reply = std::move(*r);
+          // Erasing ends the walk: the iterator is gone with the element.
           c.records.erase(r);
           found = true;
+          break;
         }
         return found;
       },

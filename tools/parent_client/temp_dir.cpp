@@ -15,7 +15,7 @@ temp_dir::~temp_dir() {
 }
 
 std::string temp_dir::write(const std::string& name, const std::string& contents) const {
-  const std::string file = path + "/" + name;
+  std::string file = path + "/" + name;
   std::ofstream out(file, std::ios::binary | std::ios::trunc);
   out << contents;
   return file;
