@@ -1,6 +1,5 @@
 #include "app/main_loop.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -13,7 +12,7 @@
 #include "router/connection.h"
 #include "router/receive.h"
 #include "service/route_queue.h"
-#include "support/tcp_peer.h"
+#include "support/scripted_switcher.h"
 
 namespace {
 
@@ -23,29 +22,15 @@ constexpr us_time_t now = 1'000'000'000;
 
 class MainLoopWaitTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(0, pipe(in_));
-    ASSERT_EQ(0, pipe(out_));
-    ASSERT_EQ(0, fcntl(out_[0], F_SETFL, O_NONBLOCK));
-    ASSERT_EQ(0, fcntl(out_[1], F_SETFL, O_NONBLOCK));
-    Reset();
-  }
+  void SetUp() override { Reset(); }
   void TearDown() override {
-    Reset();
-    parent_channel_use_fds_for_test(0, 1);
-    for (int fd : {in_[0], in_[1], out_[0], out_[1]}) close(fd);
+    switcher_teardown();
+    parent_pipes_close(parent_);
   }
   void Reset() {
-    char buf[4096];
-    while (read(out_[0], buf, sizeof buf) > 0) {
-    }
-    parent_channel_use_fds_for_test(in_[0], out_[1]);
-    testing::internal::CaptureStderr();
-    connection_reset_for_test();
-    (void)testing::internal::GetCapturedStderr();
-    receive_reset_for_test();
-    reset_route_queues();
-    reset_process_flags();
+    TearDown();
+    switcher_reset();
+    ASSERT_TRUE(parent_pipes_open(parent_));
   }
   // Flushed changes that no link takes: they stay in the send queue.
   static void FlushedChanges() {
@@ -56,7 +41,7 @@ class MainLoopWaitTest : public ::testing::Test {
   // Fills the parent pipe, then queues a record that cannot be written.
   void ParentOutputBlocked() {
     const std::string block(4096, 'x');
-    while (write(out_[1], block.data(), block.size()) > 0) {
+    while (write(parent_.out[1], block.data(), block.size()) > 0) {
     }
     parent_message msg;
     msg.type = "message";
@@ -64,20 +49,16 @@ class MainLoopWaitTest : public ::testing::Test {
     parent_send(msg);
     ASSERT_TRUE(parent_output_pending());
   }
-  // Connects to a listener that never reads and queues more than the
+  // Connects to a switcher that never accepts and queues more than the
   // loopback buffers hold, so bytes stay in the transmit buffer.
-  void SwitcherOutputBlocked() {
-    listener_ = listen_loopback();
-    connection_set_target_for_test("127.0.0.1", listener_.port);
+  static void SwitcherOutputBlocked() {
     for (int i = 0; i < 2000 && !connection_ready(); ++i) connection_connect();
     const std::string bytes(64 << 20, 'x');
     connection_queue_and_write(bytes.data(), bytes.size());
     ASSERT_TRUE(connection_tx_pending());
   }
 
-  int in_[2] = {-1, -1};
-  int out_[2] = {-1, -1};
-  tcp_listener listener_;
+  parent_pipes parent_;
 };
 
 TEST_F(MainLoopWaitTest, ShortWaitOnlyWhilePacedChangesAreAllThatIsPending) {
@@ -112,12 +93,9 @@ TEST_F(MainLoopWaitTest, ShortWaitOnlyWhilePacedChangesAreAllThatIsPending) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Reset();
-    testing::internal::CaptureStderr();  // the diagnostics of arranging are not the point
-    c.arrange();
-    (void)testing::internal::GetCapturedStderr();
+    (void)stderr_of(c.arrange);  // the diagnostics of arranging are not the point
     EXPECT_EQ(c.wait_us, main_loop_wait_us(now));
   }
-  close_fd(listener_.fd);
 }
 
 }  // namespace

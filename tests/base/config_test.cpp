@@ -8,6 +8,7 @@
 
 #include "base/flags.h"
 #include "parent_client/temp_dir.h"
+#include "support/scripted_switcher.h"
 
 namespace {
 
@@ -20,11 +21,7 @@ class ConfigTest : public testing::Test {
     clear_flag(process_flag::counts_changed);
     clear_flag(process_flag::info_report_needed);
   }
-  std::string Recompute() {
-    testing::internal::CaptureStderr();
-    recompute_active_counts(0, 0);
-    return testing::internal::GetCapturedStderr();
-  }
+  static std::string Recompute() { return stderr_of([] { recompute_active_counts(0, 0); }); }
   temp_dir dir_;
 };
 

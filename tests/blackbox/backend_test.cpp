@@ -114,17 +114,25 @@ TEST_F(BackendTest, SignalsEndIdleBinaryWithZero) {
   }
 }
 
+// With no count ever changed, the first info report still comes, once the
+// configuration is no longer locked.
 TEST_F(BackendTest, LockedConfigurationDelaysStartUp) {
-  const std::string cfg = dir_.write("r.cfg", "inputs = 4\n");
+  const std::string cfg = dir_.write("r.cfg", "# no keys\n");
   const int lock_fd = open(cfg.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(0, flock(lock_fd, LOCK_EX));
   ASSERT_TRUE(client_start(backend_, DAEMON_PATH, {"--file", cfg}));
-  EXPECT_EQ("", wait_for_stderr(backend_, "inputs", 500));
+  EXPECT_EQ("", read_record(backend_, 500));
   EXPECT_EQ(-1, wait_exit(backend_, 0));  // still waiting for the lock
   close(lock_fd);
-  EXPECT_EQ("<DBG>Changing number of inputs to 4\n", wait_for_stderr(backend_, "inputs", wait_ms));
+  EXPECT_EQ(
+      "*COMMAND=info\n*TYPE=message\ncompany=Grass Valley\nfirmware version=\n"
+      "inputs=0\nmodel=\noutput routing controls=all\noutputs=0\n"
+      "product=Grass Valley Native Protocol switcher or compatible\n",
+      WithoutCopyright(read_record(backend_, wait_ms)));
   close_input(backend_);
   EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+  EXPECT_TRUE(backend_.records.empty() && backend_.child.out_buf.empty());
+  EXPECT_TRUE(backend_.diags.empty() && backend_.child.err_buf.empty());
 }
 
 }  // namespace

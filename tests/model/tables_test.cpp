@@ -8,6 +8,7 @@
 
 #include "base/config.h"
 #include "base/flags.h"
+#include "support/scripted_switcher.h"
 
 namespace {
 
@@ -20,13 +21,6 @@ router_message reply(const char* request, params p, bool ok = true) {
 }
 
 router_message nq(params p) { return reply("NQ", std::move(p)); }
-
-template <typename Fn>
-std::string stderr_of(Fn f) {
-  testing::internal::CaptureStderr();
-  f();
-  return testing::internal::GetCapturedStderr();
-}
 
 class RouterTablesTest : public ::testing::Test {
  protected:

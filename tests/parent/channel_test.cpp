@@ -2,12 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <string>
+
+#include "support/scripted_switcher.h"
 
 namespace {
 
@@ -15,17 +16,10 @@ namespace {
 // requests into in_ and reads the backend's output from out_.
 class ParentChannelTest : public testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(0, pipe2(in_, O_NONBLOCK | O_CLOEXEC));
-    ASSERT_EQ(0, pipe2(out_, O_NONBLOCK | O_CLOEXEC));
-    parent_channel_use_fds_for_test(in_[0], out_[1]);
-  }
-  void TearDown() override {
-    parent_channel_use_fds_for_test(0, 1);
-    for (int fd : {in_[0], in_[1], out_[0], out_[1]}) close(fd);
-  }
+  void SetUp() override { ASSERT_TRUE(parent_pipes_open(p_)); }
+  void TearDown() override { parent_pipes_close(p_); }
   void Feed(const std::string& text) {
-    ASSERT_EQ(static_cast<ssize_t>(text.size()), write(in_[1], text.data(), text.size()));
+    ASSERT_EQ(static_cast<ssize_t>(text.size()), write(p_.in[1], text.data(), text.size()));
   }
   // The read step takes one byte per call.
   void Pump(std::size_t times) {
@@ -33,7 +27,7 @@ class ParentChannelTest : public testing::Test {
   }
   int Unread() {
     int n = -1;
-    ioctl(in_[0], FIONREAD, &n);
+    ioctl(p_.in[0], FIONREAD, &n);
     return n;
   }
   static std::string Text(const parent_message* msg) {
@@ -42,14 +36,8 @@ class ParentChannelTest : public testing::Test {
     parent_message_serialise(*msg, text);
     return text;
   }
-  std::string Drain() {
-    std::string got;
-    char buf[65536];
-    for (ssize_t n; (n = read(out_[0], buf, sizeof buf)) > 0;) got.append(buf, n);
-    return got;
-  }
-  int in_[2] = {-1, -1};
-  int out_[2] = {-1, -1};
+  std::string Drain() { return parent_pipes_output(p_); }
+  parent_pipes p_;
 };
 
 TEST_F(ParentChannelTest, ReadsOneRecordAtATime) {
@@ -92,20 +80,18 @@ TEST_F(ParentChannelTest, EndOfInputOrBrokenOutputEndsChannel) {
   parent_message msg;
   msg.command = "info";
   // A full output pipe keeps the record queued.
-  while (write(out_[1], "0123456789abcdef", 16) > 0) {
+  while (write(p_.out[1], "0123456789abcdef", 16) > 0) {
   }
   parent_send(msg);
   EXPECT_EQ(0, parent_pump());
-  close(in_[1]);
-  in_[1] = -1;
+  close_fd(p_.in[1]);
   EXPECT_EQ(-1, parent_pump());
   EXPECT_TRUE(parent_output_pending());
 
   TearDown();
   SetUp();
   std::signal(SIGPIPE, SIG_IGN);  // the broken pipe must show as EPIPE here
-  close(out_[0]);
-  out_[0] = -1;
+  close_fd(p_.out[0]);
   parent_send(msg);
   EXPECT_EQ(-1, parent_pump());
   EXPECT_TRUE(parent_output_pending());

@@ -17,29 +17,11 @@
 #include "router/connection.h"
 #include "router/exchange.h"
 #include "router/receive.h"
-#include "support/tcp_peer.h"
+#include "support/scripted_switcher.h"
 
 namespace {
 
-using strings = std::vector<std::string>;
 constexpr us_time_t twenty_one_s = 21'000'000;
-
-template <typename Fn>
-std::string stderr_of(Fn f) {
-  testing::internal::CaptureStderr();
-  f();
-  return testing::internal::GetCapturedStderr();
-}
-
-// SOH, body, checksum, EOT; the checksum computed here on its own so that a
-// wrong rule in the code cannot agree with itself.
-std::string framed(const std::string& body) {
-  unsigned sum = 0;
-  for (unsigned char c : body) sum += c;
-  char digits[3];
-  std::snprintf(digits, sizeof digits, "%02X", (256 - sum % 256) % 256);
-  return "\x01" + body + digits + "\x04";
-}
 
 router_message with_flags(bool ack, bool nak, std::int32_t nakerr) {
   router_message m;
@@ -184,32 +166,6 @@ TEST_F(RouterFrameTest, LinesMessagesAndDrops) {
   }
 }
 
-// The switcher's side, played from the parent-poll handler that every wait
-// cycle calls: cycle n records what arrived, then writes replies[n - 1]. With
-// nested set, cycle 1 is instead a parent request running its own exchange.
-struct peer_script {
-  int fd = -1;
-  strings replies;
-  std::size_t calls = 0;
-  std::string heard;
-  bool nested = false;
-  std::vector<router_message> nested_response;
-} script;
-
-void play_script() {
-  char buf[4096];
-  for (ssize_t n; (n = recv(script.fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) {
-    script.heard.append(buf, static_cast<std::size_t>(n));
-  }
-  if (++script.calls == 1 && script.nested) {
-    router_message inner = make_router_request("QI", {"1"});
-    EXPECT_TRUE(do_timeout_send_and_recv(inner, script.nested_response,
-                                         monotonic_now_us() + 2'000'000));
-  } else if (script.calls <= script.replies.size()) {
-    write_all(script.fd, script.replies[script.calls - 1]);
-  }
-}
-
 // "QN:A,B" for each message of a response, joined by blanks.
 std::string summary(const std::vector<router_message>& response) {
   std::string out;
@@ -220,33 +176,24 @@ std::string summary(const std::vector<router_message>& response) {
   return out;
 }
 
+// At the first wait cycle, a parent request served while waiting runs an
+// exchange of its own.
+std::vector<router_message> nested_response;
+void step_then_nested_request() {
+  switcher_step();
+  if (sw.steps != 1) return;
+  router_message inner = make_router_request("QI", {"1"});
+  EXPECT_TRUE(do_timeout_send_and_recv(inner, nested_response, monotonic_now_us() + 2'000'000));
+}
+
+// The switcher answers only what a case scripts in sw.replies.
 class RouterLinkTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    stderr_of(connection_reset_for_test);
-    receive_reset_for_test();
-    reset_process_flags();
-    script = peer_script{};
-    set_parent_poll_handler(play_script);
-    listener_ = listen_loopback();
-    ASSERT_GE(listener_.fd, 0);
-    connection_set_target_for_test("127.0.0.1", listener_.port);
+    switcher_reset();
+    sw.answer_rest = false;
   }
-  void TearDown() override {
-    set_parent_poll_handler(nullptr);
-    stderr_of(connection_reset_for_test);
-    close_fd(script.fd);
-    close_fd(listener_.fd);
-  }
-
-  // Connects to the target and accepts as the switcher, into script.fd.
-  void LinkUp() {
-    for (int i = 0; i < 2000 && !connection_ready(); ++i) connection_connect();
-    script.fd = accept_within(listener_, 2000);
-    ASSERT_TRUE(connection_ready());
-  }
-
-  tcp_listener listener_;
+  void TearDown() override { switcher_teardown(); }
 };
 
 TEST_F(RouterLinkTest, ConnectThenWatchdog) {
@@ -254,7 +201,7 @@ TEST_F(RouterLinkTest, ConnectThenWatchdog) {
   // Loopback completes a connect within the first check, or at once.
   expect_one_of({"<NOTE>Trying to connect to router...\n<NOTE>Connection sucessful.\n",
                  "<NOTE>Connected to router, right away\n"},
-                stderr_of([this] { LinkUp(); }));
+                switcher_link_up());
   EXPECT_TRUE(flag_is_set(process_flag::sync_needed));
   // No frame leaves while a connect is still in progress.
   connection_set_connect_in_progress_for_test(true);
@@ -271,7 +218,7 @@ TEST_F(RouterLinkTest, ConnectThenWatchdog) {
   EXPECT_EQ("<WARN>Connection timeout\n<NOTE>Connection to router closed\n",
             stderr_of(connection_poll));
   EXPECT_FALSE(connection_is_open() || flag_is_set(process_flag::sync_needed));
-  EXPECT_EQ("", read_for(script.fd, 1, 100));  // nothing was sent
+  EXPECT_EQ("", read_for(sw.fd, 1, 100));  // nothing was sent
   // The next attempt is due 5 s after the last one started.
   EXPECT_LE(started + 5'000'000, connection_next_connect_time_for_test());
   EXPECT_GE(monotonic_now_us() + 5'000'000, connection_next_connect_time_for_test());
@@ -294,11 +241,11 @@ TEST_F(RouterLinkTest, FailedAttemptsRetriedEveryFiveSeconds) {
        {"<NOTE>Trying to connect to router...\n<ERR>Connection failed, Connection refused\n" +
             closed,
         "<ERR>Failed to connect to router, Connection refused\n" + closed}},
-      {"host name", "localhost", listener_.port, false,
+      {"host name", "localhost", sw.listener.port, false,
        {"<ERR>Cannot connect, cannot parse IP address\n"}},
-      {"no socket", "127.0.0.1", listener_.port, true,
+      {"no socket", "127.0.0.1", sw.listener.port, true,
        {"<ERR>Cannot connect, cannot create socket\n"}},
-      {"no address", "", listener_.port, false, {""}},
+      {"no address", "", sw.listener.port, false, {""}},
   };
   // The limit goes on inside the capture, which needs a descriptor of its own.
   const auto attempt = [](bool no_descriptors) {
@@ -382,13 +329,13 @@ TEST_F(RouterLinkTest, BrokenConnectionIsLoggedAndClosed) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     stderr_of(connection_reset_for_test);
-    connection_set_target_for_test("127.0.0.1", listener_.port);
-    stderr_of([this] { LinkUp(); });
+    connection_set_target_for_test("127.0.0.1", sw.listener.port);
+    switcher_link_up();
     if (c.abort) {
       const linger now{1, 0};
-      setsockopt(script.fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+      setsockopt(sw.fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
     }
-    close_fd(script.fd);
+    close_fd(sw.fd);
     EXPECT_EQ(c.lines, stderr_of(c.step));
     EXPECT_FALSE(connection_is_open() || flag_is_set(process_flag::sync_needed));
   }
@@ -397,7 +344,7 @@ TEST_F(RouterLinkTest, BrokenConnectionIsLoggedAndClosed) {
 // A write the socket takes only in part keeps the rest, and later writes
 // send it ahead of newer frames.
 TEST_F(RouterLinkTest, PartialWriteIsCompletedInOrder) {
-  stderr_of([this] { LinkUp(); });
+  switcher_link_up();
   std::string blob(8 << 20, '\0');
   for (std::size_t i = 0; i < blob.size(); ++i) blob[i] = static_cast<char>('a' + i % 23);
   connection_queue_and_write(blob.data(), blob.size());
@@ -408,7 +355,7 @@ TEST_F(RouterLinkTest, PartialWriteIsCompletedInOrder) {
   std::string heard;
   const std::size_t total = blob.size() + 8;
   for (int i = 0; i < 20000 && heard.size() < total; ++i) {
-    heard += read_for(script.fd, 1, 10);
+    heard += read_for(sw.fd, 1, 10);
     connection_poll();
   }
   EXPECT_FALSE(connection_tx_pending());
@@ -422,7 +369,7 @@ TEST_F(RouterLinkTest, UnsendableRequestEndsTheExchange) {
   const std::pair<bool, strings> cases[] = {{false, {}}, {true, {std::string(1010, 'x')}}};
   for (const auto& [linked, params] : cases) {
     SCOPED_TRACE(linked ? "too long for a frame" : "no connection");
-    if (linked) stderr_of([this] { LinkUp(); });
+    if (linked) switcher_link_up();
     router_message msg = make_router_request("QN", params);
     std::vector<router_message> response;
     EXPECT_EQ(linked ? "<ERR>Unable to send message\n<NOTE>Connection to router closed\n"
@@ -434,23 +381,23 @@ TEST_F(RouterLinkTest, UnsendableRequestEndsTheExchange) {
     EXPECT_TRUE(response.empty());
     EXPECT_FALSE(connection_is_open());
   }
-  EXPECT_EQ("", read_for(script.fd, 1, 100));
+  EXPECT_EQ("", read_for(sw.fd, 1, 100));
 }
 
 // Closing drops a half-received message: the next connection's first frame
 // decodes on its own.
 TEST_F(RouterLinkTest, CloseResetsAHalfReceivedMessage) {
-  stderr_of([this] { LinkUp(); });
-  ASSERT_TRUE(write_all(script.fd, "\x01N0BK"));
+  switcher_link_up();
+  ASSERT_TRUE(write_all(sw.fd, "\x01N0BK"));
   stderr_of(connection_poll);
   EXPECT_TRUE(receive_in_progress());
   stderr_of(connection_close);
   EXPECT_FALSE(receive_in_progress());
   EXPECT_EQ("", connection_recvmsg().raw);  // nothing to read without a socket
-  close_fd(script.fd);
+  close_fd(sw.fd);
   connection_set_next_connect_time_for_test(0);
-  stderr_of([this] { LinkUp(); });
-  ASSERT_TRUE(write_all(script.fd, framed("N0QD")));
+  switcher_link_up();
+  ASSERT_TRUE(write_all(sw.fd, framed("N0QD")));
   stderr_of(connection_poll);
   EXPECT_EQ("[OK] request=QD protocol=N seq=0 ", take_all());
 }
@@ -480,13 +427,13 @@ TEST_F(RouterLinkTest, RepliesEndAsTheirSequenceFlagsSay) {
       // Last: a parent request served while waiting runs an exchange of its own.
       {"nested", "BK", {"", framed("N0IQ\t1\t5"), framed("N0BK")}, "BK:"},
   };
-  stderr_of([this] { LinkUp(); });
+  switcher_link_up();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    script.replies = c.replies;
-    script.nested = std::string(c.name) == "nested";
-    script.calls = 0;
-    script.heard.clear();
+    sw.replies = c.replies;
+    sw.steps = sw.parsed = 0;
+    sw.raw.clear();
+    if (std::string(c.name) == "nested") set_parent_poll_handler(step_then_nested_request);
     router_message request = make_router_request(c.request);
     std::vector<router_message> response;
     const std::string lines = stderr_of([&] {
@@ -495,8 +442,8 @@ TEST_F(RouterLinkTest, RepliesEndAsTheirSequenceFlagsSay) {
     EXPECT_EQ(c.response, summary(response)) << lines;
     EXPECT_TRUE(connection_is_open());
   }
-  EXPECT_EQ("IQ:1,5", summary(script.nested_response));
-  EXPECT_EQ("\x01N0BKF5\x04" + framed("N0QI\t1"), script.heard);
+  EXPECT_EQ("IQ:1,5", summary(nested_response));
+  EXPECT_EQ("\x01N0BKF5\x04" + framed("N0QI\t1"), sw.raw);
 }
 
 }  // namespace

@@ -1,63 +1,23 @@
 // The command service against a switcher on a loopback socket and a parent on
 // pipes: the route queue's "TI" batches and the dispatcher's requests, some
 // of them arriving while another request waits on the switcher.
-#include <fcntl.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
-#include <vector>
 
 #include "base/config.h"
 #include "base/flags.h"
 #include "model/tables.h"
-#include "parent/channel.h"
 #include "router/connection.h"
 #include "router/exchange.h"
-#include "router/receive.h"
 #include "service/dispatcher.h"
 #include "service/reports.h"
 #include "service/route_queue.h"
-#include "support/tcp_peer.h"
+#include "support/scripted_switcher.h"
 
 namespace {
-
-using strings = std::vector<std::string>;
-
-// The switcher, stepped by the exchanges' wait cycles on the test's own
-// thread: every frame received is answered with "ER 00 <its letters>", but
-// not while hold_fd has bytes left to read.
-struct switcher_peer {
-  tcp_listener listener;
-  int fd = -1;
-  std::string raw;  // every byte received
-  strings frames;   // each as letters and parameters: "TI 5,A"
-  std::size_t answered = 0;
-  int hold_fd = -1;
-} peer;
-
-void peer_step() {
-  char buf[4096];
-  for (ssize_t n; (n = recv(peer.fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;) peer.raw.append(buf, n);
-  peer.frames.clear();
-  for (std::size_t at = 0, end; (end = peer.raw.find(eot, at)) != std::string::npos; at = end + 1) {
-    std::string params = peer.raw.substr(at + 5, end - at - 7);  // up to the checksum
-    std::replace(params.begin(), params.end(), '\t', ',');
-    if (!params.empty()) params[0] = ' ';
-    peer.frames.push_back(peer.raw.substr(at + 3, 2) + params);
-  }
-  int unread = 0;
-  if (peer.hold_fd >= 0 && ioctl(peer.hold_fd, FIONREAD, &unread) == 0 && unread > 0) return;
-  for (router_frame f; peer.answered < peer.frames.size(); ++peer.answered) {
-    const std::string letters = peer.frames[peer.answered].substr(0, 2);
-    ASSERT_TRUE(encode_router_frame(make_router_request("ER", {"00", letters}), f));
-    write_all(peer.fd, f.data());
-  }
-}
 
 // Both tables numbered from base, and count active inputs and outputs.
 void load_tables(const char* base, const char* count) {
@@ -74,43 +34,26 @@ void load_tables(const char* base, const char* count) {
 class CommandServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    reset_configuration();
-    reset_process_flags();
-    reset_router_tables();
-    reset_route_queues();
-    connection_reset_for_test();
-    receive_reset_for_test();
-    peer = switcher_peer{};
-    ASSERT_EQ(0, pipe2(in_, O_NONBLOCK));
-    ASSERT_EQ(0, pipe2(out_, O_NONBLOCK));
-    parent_channel_use_fds_for_test(in_[0], out_[1]);
+    switcher_reset();
+    ASSERT_TRUE(parent_pipes_open(parent_));
     load_tables("1", "16");
   }
   void TearDown() override {
-    set_parent_poll_handler(nullptr);
-    connection_reset_for_test();
-    close_fd(peer.fd);
-    close_fd(peer.listener.fd);
-    for (int fd : {in_[0], in_[1], out_[0], out_[1]}) close(fd);
+    switcher_teardown();
+    parent_pipes_close(parent_);
   }
 
   // Brings the link up with the synchronisation done; each wait cycle steps
   // the switcher, then (with serve_parent) serves one parent message.
   static void LinkUp(bool serve_parent) {
-    peer.listener = listen_loopback();
-    connection_set_target_for_test("127.0.0.1", peer.listener.port);
-    for (int i = 0; i < 2000 && (!connection_is_open() || connection_connect_in_progress()); ++i) {
-      connection_connect();
-    }
-    peer.fd = accept_within(peer.listener, 2000);
-    ASSERT_TRUE(connection_is_open() && peer.fd >= 0);
+    switcher_link_up();
     clear_flag(process_flag::sync_needed);
-    set_parent_poll_handler(serve_parent ? +[] { peer_step(); poll_parent_message(); } : peer_step);
+    if (serve_parent) set_parent_poll_handler(+[] { switcher_step(); poll_parent_message(); });
   }
 
   // Adds the changes, flushes, and returns what the switcher got meanwhile.
   static strings Flush(const std::vector<route_change>& changes) {
-    const std::size_t before = peer.frames.size();
+    const std::size_t before = sw.heard.size();
     for (const route_change& c : changes) add_route_change(c);
     flush_route_changes();
     return SentSince(before);
@@ -118,23 +61,19 @@ class CommandServiceTest : public ::testing::Test {
 
   // The frames the switcher received from index before on.
   static strings SentSince(std::size_t before) {
-    peer_step();
-    return strings(peer.frames.begin() + before, peer.frames.end());
+    switcher_step();
+    return strings(sw.heard.begin() + before, sw.heard.end());
   }
 
   // Writes request text to the backend's input and serves messages until it
   // is read; returns what the backend wrote back.
   std::string Request(const std::string& text) {
-    EXPECT_EQ(static_cast<ssize_t>(text.size()), write(in_[1], text.data(), text.size()));
+    EXPECT_EQ(static_cast<ssize_t>(text.size()), write(parent_.in[1], text.data(), text.size()));
     for (std::size_t i = 0; i < text.size() + 4; ++i) poll_parent_message();
-    std::string out;
-    char buf[4096];
-    for (ssize_t n; (n = read(out_[0], buf, sizeof buf)) > 0;) out.append(buf, n);
-    return out;
+    return parent_pipes_output(parent_);
   }
 
-  int in_[2] = {-1, -1};
-  int out_[2] = {-1, -1};
+  parent_pipes parent_;
 };
 
 TEST_F(CommandServiceTest, OneTakeInputPerOutputInAscendingOrder) {
@@ -144,10 +83,10 @@ TEST_F(CommandServiceTest, OneTakeInputPerOutputInAscendingOrder) {
     strings sent;
   };
   const Case cases[] = {
-      {"both bases added", {{9, 4}}, {"TI 5,A"}},
-      {"last change per output wins", {{9, 4}, {2, 4}}, {"TI 5,3"}},
-      {"ascending output order", {{1, 7}, {1, 2}, {1, 5}}, {"TI 3,2", "TI 6,2", "TI 8,2"}},
-      {"no input is one below the input base", {{-1, 0}}, {"TI 1,0"}},
+      {"both bases added", {{9, 4}}, {"TI 5 A"}},
+      {"last change per output wins", {{9, 4}, {2, 4}}, {"TI 5 3"}},
+      {"ascending output order", {{1, 7}, {1, 2}, {1, 5}}, {"TI 3 2", "TI 6 2", "TI 8 2"}},
+      {"no input is one below the input base", {{-1, 0}}, {"TI 1 0"}},
       // Error paths follow
       {"output beyond the active outputs", {{1, 16}, {1, -1}}, {}},
       {"input below -1", {{-2, 3}}, {}},
@@ -159,10 +98,10 @@ TEST_F(CommandServiceTest, OneTakeInputPerOutputInAscendingOrder) {
     EXPECT_EQ(c.sent, Flush(c.changes));
     EXPECT_TRUE(send_queue_empty());
   }
-  EXPECT_EQ("\x01\x4E\x30\x54\x49\x09\x35\x09\x41\x35\x44\x04", peer.raw.substr(0, 12));
+  EXPECT_EQ("\x01\x4E\x30\x54\x49\x09\x35\x09\x41\x35\x44\x04", sw.raw.substr(0, 12));
   load_tables("0", "16");
   set_flush_allow_for_test(0);
-  EXPECT_EQ(strings{"TI 0,FFFFFFFF"}, Flush({{-1, 0}}));
+  EXPECT_EQ(strings{"TI 0 FFFFFFFF"}, Flush({{-1, 0}}));
 }
 
 TEST_F(CommandServiceTest, PacingCountsFromTheBatchStart) {
@@ -194,7 +133,7 @@ TEST_F(CommandServiceTest, HeldBackThenSentOrDropped) {
   // waited, its own change for the same output last.
   clear_flag(process_flag::sync_needed);
   delayed_flush_step();
-  EXPECT_EQ(strings{"TI 5,3"}, Flush({{2, 4}}));
+  EXPECT_EQ(strings{"TI 5 3"}, Flush({{2, 4}}));
 
   // Too soon: the delayed-flush step sends once the pacing time has come.
   set_flush_allow_for_test(monotonic_now_us() + 900'000);
@@ -206,7 +145,7 @@ TEST_F(CommandServiceTest, HeldBackThenSentOrDropped) {
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_EQ(0u, log.find("<DBG>Route changes too soon, will flush later\n"
                          "<DBG>Now sending delayed route changes\n")) << log;
-  EXPECT_EQ(strings{"TI 5,A"}, SentSince(1));
+  EXPECT_EQ(strings{"TI 5 A"}, SentSince(1));
 
   // Five seconds after a batch started, whatever still waits is dropped.
   raise_flag(process_flag::sync_needed);
@@ -268,18 +207,18 @@ TEST_F(CommandServiceTest, RequestServedWhileAnotherWaits) {
   };
   const Case cases[] = {
       {"16", "*COMMAND=route output\n*TYPE=command\n*ID=70\nqueue=flush\n\n",
-       "*COMMAND=route output\n*TYPE=reply\n*ID=70\n\n", {"TI 5,A"}},
+       "*COMMAND=route output\n*TYPE=reply\n*ID=70\n\n", {"TI 5 A"}},
       {"3", "*COMMAND=report\n*TYPE=command\n*ID=71\nwhat=outputs\n\n",
-       "*TYPE=reply\n*ID=71\n\n", {"QI 1,0", "QI 2,0", "QI 3,0"}},
+       "*TYPE=reply\n*ID=71\n\n", {"QI 1 0", "QI 2 0", "QI 3 0"}},
   };
   LinkUp(true);
-  peer.hold_fd = in_[0];  // the switcher answers once the nested request is read
+  sw.hold_fd = parent_.in[0];  // the switcher answers once the nested request is read
   for (const Case& c : cases) {
     SCOPED_TRACE(c.outer);
     load_tables("1", c.outputs);
     reset_route_queues();
     add_route_change({9, 4});
-    const std::size_t before = peer.frames.size();
+    const std::size_t before = sw.heard.size();
     EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=80\n\n" + c.outer_reply,
               Request(c.outer + "*COMMAND=route output\n*TYPE=command\n*ID=80\nfrom input=1\n"
                       "queue=add\nto output=2\n\n"));
@@ -302,19 +241,19 @@ TEST_F(CommandServiceTest, NestedBatchKeepsTheNewestChangeLast) {
   };
   const Case cases[] = {
       {"skipped between slots still sent", {{1, 0}, {1, 2}, {1, 3}}, "2",
-       {"TI 1,2", "TI 3,A", "TI 4,2"}},
-      {"every slot left is skipped", {{1, 0}, {1, 5}}, "5", {"TI 1,2", "TI 6,A"}},
+       {"TI 1 2", "TI 3 A", "TI 4 2"}},
+      {"every slot left is skipped", {{1, 0}, {1, 5}}, "5", {"TI 1 2", "TI 6 A"}},
       {"sent before the nested batch, so sent again", {{1, 0}, {1, 3}}, "0",
-       {"TI 1,2", "TI 1,A", "TI 4,2"}},
+       {"TI 1 2", "TI 1 A", "TI 4 2"}},
   };
   LinkUp(true);
   // The switcher answers once the nested flush is read; a second nested
   // exchange would drain the outer batch's answer as stale. Reading the
   // nested requests in one wait cycle starts both batches close together,
   // out of reach of the outer one's 750 ms cap.
-  peer.hold_fd = in_[0];
+  sw.hold_fd = parent_.in[0];
   set_parent_poll_handler(+[] {
-    peer_step();
+    switcher_step();
     for (int i = 0; i < 512; ++i) poll_parent_message();
   });
   const std::string flush = "*COMMAND=route output\n*TYPE=command\n*ID=2\nqueue=flush\n\n";
@@ -322,7 +261,7 @@ TEST_F(CommandServiceTest, NestedBatchKeepsTheNewestChangeLast) {
     SCOPED_TRACE(c.name);
     set_flush_allow_for_test(0);
     for (const route_change& r : c.outer) add_route_change(r);
-    const std::size_t before = peer.frames.size();
+    const std::size_t before = sw.heard.size();
     static_cast<void>(Request(flush + "*COMMAND=route output\n*TYPE=command\n*ID=1\nfrom input=9\n"
                               "queue=add\nto output=" + c.nested_output + "\n\n" + flush));
     EXPECT_EQ(c.sent, SentSince(before));
@@ -340,27 +279,24 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   // Flushed while the link is down, after a batch set a pacing time: the
   // delayed-flush step sends them once the link and the synchronisation are back.
   LinkUp(false);
-  EXPECT_EQ(strings{"TI 2,2"}, Flush({{1, 1}}));
-  testing::internal::CaptureStderr();
-  connection_close();
+  EXPECT_EQ(strings{"TI 2 2"}, Flush({{1, 1}}));
+  (void)stderr_of(connection_close);
   EXPECT_EQ(strings{}, Flush({{2, 4}}));
   add_route_change({3, 5});
   EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=1\n\n",
             Request("*COMMAND=route output\n*TYPE=command\n*ID=1\nqueue=discard\n\n"));
   EXPECT_TRUE(queued_route_changes().empty());
   EXPECT_FALSE(send_queue_empty());  // a discard leaves flushed changes alone
-  close_fd(peer.fd);
-  close_fd(peer.listener.fd);
-  peer = switcher_peer{};
-  connection_set_next_connect_time_for_test(0);
+  sw.heard.clear();
   LinkUp(false);
+  testing::internal::CaptureStderr();
   raise_flag(process_flag::sync_needed);
   set_flush_allow_for_test(monotonic_now_us());
   delayed_flush_step();
   EXPECT_EQ(strings{}, SentSince(0));
   clear_flag(process_flag::sync_needed);
   delayed_flush_step();
-  EXPECT_EQ(strings{"TI 5,3"}, SentSince(0));
+  EXPECT_EQ(strings{"TI 5 3"}, SentSince(0));
   const std::string log = testing::internal::GetCapturedStderr();
   const std::string delayed = "<DBG>Now sending delayed route changes\n";
   const std::size_t first = log.find(delayed);
