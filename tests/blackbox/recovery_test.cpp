@@ -17,7 +17,7 @@ class RecoveryTest : public SystemTest {
   }
   // Waits for the emulator's next client; returns when it connected.
   steady::time_point NextClient() {
-    EXPECT_NE("", wait_for_stderr(emu_, "client connected", wait_ms));
+    EXPECT_NE("", wait_for_stderr(emu_, "client connected"));
     return steady::now();
   }
   static double SecondsSince(steady::time_point t) {
@@ -32,25 +32,25 @@ TEST_F(RecoveryTest, DroppedConnectionIsRebuiltAndResynchronised) {
   StartBackend();
   const steady::time_point first = NextClient();
   EXPECT_EQ("<NOTE>Connection suddenly dropped\n",
-            wait_for_stderr(backend_, "<NOTE>Connection suddenly dropped", wait_ms));
+            wait_for_stderr(backend_, "<NOTE>Connection suddenly dropped"));
   ExpectParentServed("1");
   NextClient();
   // The next attempt starts 5 s after the first one did.
   EXPECT_GT(SecondsSince(first), 4.0);
   EXPECT_LT(SecondsSince(first), 8.0);
-  EXPECT_NE("", wait_for_stderr(emu_, "recv BK N", wait_ms));
+  EXPECT_NE("", wait_for_stderr(emu_, "recv BK N"));
   EXPECT_NE("", WaitRecord("o2.input.all"));
 }
 
 TEST_F(RecoveryTest, SilentSwitcherTimesOutAfterThreeSeconds) {
   StartEmulator({"--silent-after", "4"});
   StartBackend();
-  ASSERT_NE("", wait_for_stderr(emu_, "recv BK I 15", wait_ms));
+  ASSERT_NE("", wait_for_stderr(emu_, "recv BK I 15"));
   const steady::time_point sent = steady::now();
-  EXPECT_EQ("<ERR>Timeout receiving message\n", wait_for_stderr(backend_, "<ERR>", wait_ms));
+  EXPECT_EQ("<ERR>Timeout receiving message\n", wait_for_stderr(backend_, "<ERR>"));
   EXPECT_GT(SecondsSince(sent), 2.5);
   EXPECT_LT(SecondsSince(sent), 5.0);
-  EXPECT_EQ("<NOTE>Connection to router closed\n", wait_for_stderr(backend_, "<NOTE>", wait_ms));
+  EXPECT_EQ("<NOTE>Connection to router closed\n", wait_for_stderr(backend_, "<NOTE>"));
   ExpectParentServed("2");
   NextClient();
 }
@@ -59,11 +59,11 @@ TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
   StartEmulator({"--ack-only"});
   StartBackend();
   const steady::time_point start = NextClient();
-  EXPECT_EQ("<ERR>Timeout sending message\n", wait_for_stderr(backend_, "<ERR>", wait_ms));
+  EXPECT_EQ("<ERR>Timeout sending message\n", wait_for_stderr(backend_, "<ERR>"));
   EXPECT_GT(SecondsSince(start), 4.0);
   EXPECT_LT(SecondsSince(start), 7.0);
   EXPECT_EQ("<NOTE>Connection to router closed\n",
-            wait_for_stderr(backend_, "<NOTE>Connection to router closed", wait_ms));
+            wait_for_stderr(backend_, "<NOTE>Connection to router closed"));
   // Resent every 100 ms: about fifty handshakes on the connection given up.
   const std::string* seen = &stderr_so_far(emu_);
   for (int i = 0; i < 100 && seen->find("client closed") == std::string::npos; ++i) {
