@@ -52,13 +52,11 @@ TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
   EXPECT_EQ("<NOTE>Connection to router closed\n",
             wait_for_stderr(backend_, "<NOTE>Connection to router closed"));
   // Resent every 100 ms: about fifty handshakes on the connection given up.
-  const std::string* seen = &stderr_so_far(emu_);
-  for (int i = 0; i < 100 && seen->find("client closed") == std::string::npos; ++i) {
-    seen = &stderr_so_far(emu_, 100);
-  }
-  const std::size_t closed = seen->find("client closed");
+  const std::string& seen = emu_.err_buf;
+  (void)child_wait([&seen] { return seen.find("client closed") != std::string::npos; }, wait_ms);
+  const std::size_t closed = seen.find("client closed");
   ASSERT_NE(std::string::npos, closed);
-  const std::string log = seen->substr(0, closed);
+  const std::string log = seen.substr(0, closed);
   int handshakes = 0;
   for (std::size_t at = 0; (at = log.find("recv BK\n", at)) != std::string::npos; ++at) {
     ++handshakes;

@@ -86,13 +86,6 @@ class SystemTest : public testing::Test {
     return child_wait(found, timeout_ms) ? line + "\n" : "";
   }
 
-  // All of the child's standard error not yet taken, after pumping for
-  // timeout_ms; consumes nothing.
-  static const std::string& stderr_so_far(child_process& c, int timeout_ms = 0) {
-    (void)child_wait([] { return false; }, timeout_ms);
-    return c.err_buf;
-  }
-
   // The backend's exit status, or -1 when it did not exit within timeout_ms
   // or died of a signal; what it wrote is then in records and diags.
   static int wait_exit(parent_client& c, int timeout_ms = wait_ms) {

@@ -118,7 +118,7 @@ TEST_F(SystemTest, NewestRouteChangeIsTheLastTheSwitcherReceives) {
   ASSERT_NE("", WaitRecord("*ID=16"));  // the outer batch has ended
 
   std::vector<std::string> seen;
-  const std::string& log = stderr_so_far(emu_);
+  const std::string& log = emu_.err_buf;  // the emulator's frame log so far
   for (std::size_t at = 0; (at = log.find("recv TI ", at)) != std::string::npos;) {
     const std::size_t end = log.find('\n', at);
     seen.push_back(log.substr(at + 5, end - at - 5));
