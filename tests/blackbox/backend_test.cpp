@@ -63,12 +63,12 @@ TEST_F(BackendTest, CommandLineAndStartUpChecksStopTheBinary) {
 TEST_F(BackendTest, ServesParentUntilEndOfInput) {
   // A stray word is reported, but start-up goes on past it.
   StartBackend("inputs = 16\noutputs = 8\n", {"stray"});
-  EXPECT_EQ("Unknown argument 'stray'\n", wait_for_stderr(backend_, "stray", wait_ms));
+  EXPECT_EQ("Unknown argument 'stray'\n", wait_for_stderr(backend_, "stray"));
   EXPECT_EQ(
       "*COMMAND=info\n*TYPE=message\ncompany=Grass Valley\nfirmware version=\n"
       "inputs=16\nmodel=\noutput routing controls=all\noutputs=8\n"
       "product=Grass Valley Native Protocol switcher or compatible\n",
-      WithoutCopyright(read_record(backend_, wait_ms)));
+      WithoutCopyright(read_record(backend_)));
   // A reply from the parent gets no answer of its own.
   Send(
       "*COMMAND=set\n*TYPE=message\nname=outputs\nvalue=4\n\n"
@@ -81,21 +81,19 @@ TEST_F(BackendTest, ServesParentUntilEndOfInput) {
       "*COMMAND=info\n*TYPE=message\ncompany=Grass Valley\nfirmware version=\n"
       "inputs=16\nmodel=\noutput routing controls=all\noutputs=4\n"
       "product=Grass Valley Native Protocol switcher or compatible\n",
-      WithoutCopyright(read_record(backend_, wait_ms)));
-  EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=41\n", read_record(backend_, wait_ms));
+      WithoutCopyright(read_record(backend_)));
+  EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=41\n", read_record(backend_));
   EXPECT_EQ("*COMMAND=route output\n*ERROR=Message route output ignored\n*TYPE=reply\n*ID=45\n",
-            read_record(backend_, wait_ms));
+            read_record(backend_));
   EXPECT_EQ("*COMMAND=report\n*ERROR=I do not recognize what you are asking for\n*TYPE=reply\n"
-            "*ID=46\n",
-            read_record(backend_, wait_ms));
+            "*ID=46\n", read_record(backend_));
   EXPECT_EQ("*COMMAND=Report\n*ERROR=Unknown command Report\n*TYPE=reply\n*ID=47\n",
-            read_record(backend_, wait_ms));
-  EXPECT_EQ("<DBG>Changing number of outputs to 4\n",
-            wait_for_stderr(backend_, "outputs to 4", wait_ms));
+            read_record(backend_));
+  EXPECT_EQ("<DBG>Changing number of outputs to 4\n", wait_for_stderr(backend_, "outputs to 4"));
   // Lines the channel ignores or holds unanswered, NUL included, then the end.
   Send("no equals\n\r\n*TYPE=x\n*ID=1\n\n\0\0=\n"s + std::string(5000, 'v') + "\n");
-  close_input(backend_);
-  EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+  child_close_input(backend_.child);
+  EXPECT_EQ(0, wait_exit(backend_));
   EXPECT_TRUE(backend_.records.empty());
   EXPECT_EQ("", backend_.partial_text);
   EXPECT_TRUE(backend_.diags.empty());
@@ -108,9 +106,9 @@ TEST_F(BackendTest, SignalsEndIdleBinaryWithZero) {
     parent_client c;
     ASSERT_TRUE(client_start(c, DAEMON_PATH, {"--file", cfg}));
     // The first report comes from the main loop, which starts with the handlers set.
-    ASSERT_NE("", read_record(c, wait_ms));
+    ASSERT_NE("", read_record(c));
     kill(c.child.pid, sig);
-    EXPECT_EQ(0, wait_exit(c, wait_ms));
+    EXPECT_EQ(0, wait_exit(c));
   }
 }
 
@@ -128,9 +126,9 @@ TEST_F(BackendTest, LockedConfigurationDelaysStartUp) {
       "*COMMAND=info\n*TYPE=message\ncompany=Grass Valley\nfirmware version=\n"
       "inputs=0\nmodel=\noutput routing controls=all\noutputs=0\n"
       "product=Grass Valley Native Protocol switcher or compatible\n",
-      WithoutCopyright(read_record(backend_, wait_ms)));
-  close_input(backend_);
-  EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+      WithoutCopyright(read_record(backend_)));
+  child_close_input(backend_.child);
+  EXPECT_EQ(0, wait_exit(backend_));
   EXPECT_TRUE(backend_.records.empty() && backend_.child.out_buf.empty());
   EXPECT_TRUE(backend_.diags.empty() && backend_.child.err_buf.empty());
 }

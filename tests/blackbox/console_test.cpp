@@ -58,9 +58,9 @@ TEST_F(ConsoleTest, TakesByNumberAndNameAndShowsRoutesAfterTakesAndRenames) {
 
   // Renames on the switcher's panel: the console shows the names reports
   // as they come, and its table follows.
-  ASSERT_TRUE(send_text(emu_, "rename output 4 Studio D\n"));
+  child_write(emu_, "rename output 4 Studio D\n");
   EXPECT_NE("", Until("outputs: 4 names"));
-  ASSERT_TRUE(send_text(emu_, "rename input 1 Mic\n"));
+  child_write(emu_, "rename input 1 Mic\n");
   EXPECT_NE("", Until("inputs: 8 names"));
   Type("show routes\n");
   const std::string table = Until("   3  Studio D");

@@ -50,7 +50,7 @@ class SystemTest : public testing::Test {
     return seen;
   }
 
-  void Send(const std::string& record) { ASSERT_TRUE(send_text(backend_, record)); }
+  void Send(const std::string& record) { client_send_text(backend_, record); }
 
   // The credit text is the only report text not fixed by the protocol.
   static std::string WithoutCopyright(std::string record) {
@@ -64,18 +64,18 @@ class SystemTest : public testing::Test {
 
   // The next record's text, its lines each with "\n" and without the empty
   // line; "" when none came within timeout_ms.
-  static std::string read_record(parent_client& c, int timeout_ms) {
+  static std::string read_record(parent_client& c, int timeout_ms = wait_ms) {
     client_record r;
     return client_next_record(c, timeout_ms, r) ? r.text : "";
   }
 
   // Waits for a line of standard error holding text and returns it with its
   // "\n", consuming it and the lines before; "" when none came.
-  static std::string wait_for_stderr(parent_client& c, const std::string& text, int timeout_ms) {
+  static std::string wait_for_stderr(parent_client& c, const std::string& text, int timeout_ms = wait_ms) {
     client_diag line;
     return client_wait_diag(c, text, timeout_ms, line) ? line.text + "\n" : "";
   }
-  static std::string wait_for_stderr(child_process& c, const std::string& text, int timeout_ms) {
+  static std::string wait_for_stderr(child_process& c, const std::string& text, int timeout_ms = wait_ms) {
     std::string line;
     const auto found = [&] {
       while (child_take_line(c.err_buf, line)) {
@@ -86,36 +86,9 @@ class SystemTest : public testing::Test {
     return child_wait(found, timeout_ms) ? line + "\n" : "";
   }
 
-  // The next line of the child's standard output without its "\n"; "" when
-  // none came within timeout_ms.
-  static std::string read_line(child_process& c, int timeout_ms) {
-    std::string line;
-    return child_wait([&] { return child_take_line(c.out_buf, line); }, timeout_ms) ? line : "";
-  }
-
-  static int wait_exit(child_process& c, int timeout_ms) { return child_wait_exit(c, timeout_ms); }
-
-  // All of the child's standard error not yet taken, after pumping for
-  // timeout_ms; consumes nothing.
-  static const std::string& stderr_so_far(child_process& c, int timeout_ms = 0) {
-    (void)child_wait([] { return false; }, timeout_ms);
-    return c.err_buf;
-  }
-
-  // Queues text for the child's standard input; false once that is closed.
-  static bool send_text(child_process& c, const std::string& text) {
-    child_write(c, text);
-    return c.in_fd >= 0;
-  }
-  static bool send_text(parent_client& c, const std::string& text) {
-    return send_text(c.child, text);
-  }
-
-  static void close_input(parent_client& c) { child_close_input(c.child); }
-
   // The backend's exit status, or -1 when it did not exit within timeout_ms
   // or died of a signal; what it wrote is then in records and diags.
-  static int wait_exit(parent_client& c, int timeout_ms) {
+  static int wait_exit(parent_client& c, int timeout_ms = wait_ms) {
     const int status = child_wait_exit(c.child, timeout_ms);
     client_take_output(c);
     return status;

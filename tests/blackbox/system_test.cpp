@@ -25,13 +25,12 @@ TEST_F(SystemTest, SynchronisesInOrderAndReportsWhatItLearned) {
       WithoutCopyright(WaitRecord("model=Test Model")));
   // The routes learned during the synchronisation, then the names tables.
   EXPECT_EQ("*COMMAND=outputs\n*TYPE=message\no0.input.all=1\no1.input.all=2\no2.input.all=3\n",
-            read_record(backend_, wait_ms));
+            read_record(backend_));
   EXPECT_EQ(
       "*COMMAND=inputs\n*TYPE=message\ni0.name=CAM 1\ni1.name=CAM 2\ni2.name=CAM 3\n"
-      "i3.name=CAM 4\n",
-      read_record(backend_, wait_ms));
+      "i3.name=CAM 4\n", read_record(backend_));
   EXPECT_EQ("*COMMAND=outputs\n*TYPE=message\no0.name=OUT 1\no1.name=OUT 2\no2.name=OUT 3\n",
-            read_record(backend_, wait_ms));
+            read_record(backend_));
 }
 
 // A take goes out in the switcher's numbers and its route comes back through
@@ -44,30 +43,29 @@ TEST_F(SystemTest, TakesAndRenamesComeBackAndAddressChangeReconnects) {
   ASSERT_NE("", WaitRecord("o3.name=OUT 4"));
   Send("*COMMAND=route output\n*TYPE=command\n*ID=7\nfrom input=6\nqueue=add\nto output=2\n\n");
   Send("*COMMAND=route output\n*TYPE=command\n*ID=8\nqueue=flush\n\n");
-  EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=7\n", read_record(backend_, wait_ms));
+  EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=7\n", read_record(backend_));
   // Destination and source are the switcher's numbers: position plus base 1.
-  EXPECT_NE("", wait_for_stderr(emu_, "recv TI 3 7", wait_ms));
-  EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=8\n", read_record(backend_, wait_ms));
+  EXPECT_NE("", wait_for_stderr(emu_, "recv TI 3 7"));
+  EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=8\n", read_record(backend_));
   EXPECT_EQ("*COMMAND=outputs\n*TYPE=message\no2.input.all=6\n", WaitRecord("input.all"));
 
-  ASSERT_TRUE(send_text(emu_, "rename output 2 Studio B\n"));
+  child_write(emu_, "rename output 2 Studio B\n");
   EXPECT_EQ("*COMMAND=outputs\n*TYPE=message\no0.name=OUT 1\no1.name=Studio B\no2.name=OUT 3\n"
-            "o3.name=OUT 4\n",
-            WaitRecord(".name="));
-  ASSERT_TRUE(send_text(emu_, "rename input 1 Mic\n"));
+            "o3.name=OUT 4\n", WaitRecord(".name="));
+  child_write(emu_, "rename input 1 Mic\n");
   EXPECT_EQ("*COMMAND=inputs\n*TYPE=message\ni0.name=Mic\ni1.name=CAM 2\ni2.name=CAM 3\n"
             "i3.name=CAM 4\ni4.name=CAM 5\ni5.name=CAM 6\ni6.name=CAM 7\ni7.name=CAM 8\n",
             WaitRecord(".name="));
 
   Send("*COMMAND=set\n*TYPE=message\nname=ip address\nvalue=127.1\n\n");
   EXPECT_EQ("<NOTE>Connection to router closed\n",
-            wait_for_stderr(backend_, "<NOTE>Connection to router closed", wait_ms));
-  EXPECT_NE("", wait_for_stderr(emu_, "client closed", wait_ms));
-  EXPECT_NE("", wait_for_stderr(emu_, "client connected", wait_ms));
-  EXPECT_NE("", wait_for_stderr(emu_, "recv BK N", wait_ms));
+            wait_for_stderr(backend_, "<NOTE>Connection to router closed"));
+  EXPECT_NE("", wait_for_stderr(emu_, "client closed"));
+  EXPECT_NE("", wait_for_stderr(emu_, "client connected"));
+  EXPECT_NE("", wait_for_stderr(emu_, "recv BK N"));
   ASSERT_NE("", WaitRecord("o1.name=Studio B"));
-  close_input(backend_);
-  EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+  child_close_input(backend_.child);
+  EXPECT_EQ(0, wait_exit(backend_));
   ASSERT_FALSE(backend_.diags.empty());
   EXPECT_EQ("<NOTE>Connection to router closed", backend_.diags.back().text);
 }
@@ -80,10 +78,10 @@ TEST_F(SystemTest, ParentServedDuringSynchronisation) {
   StartEmulator({"--outputs", "12", "--inputs", "2", "--delay", "50"});
   StartBackend();
   Send("*COMMAND=report\n*TYPE=command\n*ID=5\nwhat=inputs\n");
-  ASSERT_NE("", wait_for_stderr(emu_, "recv BK N", wait_ms));
+  ASSERT_NE("", wait_for_stderr(emu_, "recv BK N"));
   Send("\n");
   std::string record;
-  while ((record = read_record(backend_, wait_ms)).find("*ID=5") == std::string::npos) {
+  while ((record = read_record(backend_)).find("*ID=5") == std::string::npos) {
     ASSERT_NE("", record);
     ASSERT_EQ(std::string::npos, record.find("input.all")) << "reply after the sync ended";
   }
@@ -120,7 +118,7 @@ TEST_F(SystemTest, NewestRouteChangeIsTheLastTheSwitcherReceives) {
   ASSERT_NE("", WaitRecord("*ID=16"));  // the outer batch has ended
 
   std::vector<std::string> seen;
-  const std::string& log = stderr_so_far(emu_);
+  const std::string& log = emu_.err_buf;  // the emulator's frame log so far
   for (std::size_t at = 0; (at = log.find("recv TI ", at)) != std::string::npos;) {
     const std::size_t end = log.find('\n', at);
     seen.push_back(log.substr(at + 5, end - at - 5));
@@ -136,14 +134,15 @@ TEST_F(SystemTest, NewestRouteChangeIsTheLastTheSwitcherReceives) {
   outer_sent.pop_back();
   EXPECT_EQ(outer_sent, seen) << order;
 
-  ASSERT_TRUE(send_text(emu_, "routes\n"));
+  child_write(emu_, "routes\n");
   std::string route;
-  while (!(route = read_line(emu_, wait_ms)).empty() && route.rfind("route 16 ", 0) != 0) {
+  const auto take = [&] { return child_take_line(emu_.out_buf, route); };
+  while (child_wait(take, wait_ms) && route.rfind("route 16 ", 0) != 0) {
   }
   EXPECT_EQ("route 16 10", route);
 
-  close_input(backend_);
-  EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+  child_close_input(backend_.child);
+  EXPECT_EQ(0, wait_exit(backend_));
 }
 
 }  // namespace

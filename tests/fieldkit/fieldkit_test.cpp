@@ -44,13 +44,13 @@ class FieldKitTest : public SystemTest {
     Send("*COMMAND=route output\n*TYPE=command\n*ID=1\nfrom input=2\nqueue=add\nto output=1\n\n"
          "*COMMAND=route output\n*TYPE=command\n*ID=2\nqueue=flush\n\n");
     EXPECT_NE("", WaitRecord("o1.input.all=2"));
-    close_input(backend_);
-    EXPECT_EQ(0, wait_exit(backend_, wait_ms));
+    child_close_input(backend_.child);
+    EXPECT_EQ(0, wait_exit(backend_));
   }
 
   void StopEmulator() {
-    ASSERT_TRUE(send_text(emu_, "quit\n"));
-    EXPECT_EQ(0, wait_exit(emu_, wait_ms));
+    child_write(emu_, "quit\n");
+    EXPECT_EQ(0, child_wait_exit(emu_, wait_ms));
   }
 
   // One line per packet that carries the protocol. HOME keeps the user's

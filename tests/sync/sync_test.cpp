@@ -3,6 +3,7 @@
 // what happens when a step fails.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -23,12 +24,8 @@ std::string lines_starting(const std::string& log, const strings& prefixes) {
   std::istringstream in(log);
   std::string out;
   for (std::string line; std::getline(in, line);) {
-    for (const std::string& p : prefixes) {
-      if (line.compare(0, p.size(), p) == 0) {
-        out += line + "\n";
-        break;
-      }
-    }
+    const auto starts = [&line](const std::string& p) { return line.rfind(p, 0) == 0; };
+    if (std::any_of(prefixes.begin(), prefixes.end(), starts)) out += line + "\n";
   }
   return out;
 }
