@@ -52,6 +52,8 @@ TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
   EXPECT_EQ("<NOTE>Connection to router closed\n",
             wait_for_stderr(backend_, "<NOTE>Connection to router closed"));
   // Resent every 100 ms: about fifty handshakes on the connection given up.
+  // A loaded machine stretches the resend cycles, never shortens them, so
+  // the lower bound is loose; 200 ms or 50 ms resends still fall outside.
   const std::string& seen = emu_.err_buf;
   (void)child_wait([&seen] { return seen.find("client closed") != std::string::npos; }, wait_ms);
   const std::size_t closed = seen.find("client closed");
@@ -61,7 +63,7 @@ TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
   for (std::size_t at = 0; (at = log.find("recv BK\n", at)) != std::string::npos; ++at) {
     ++handshakes;
   }
-  EXPECT_GE(handshakes, 45);
+  EXPECT_GE(handshakes, 35);
   EXPECT_LE(handshakes, 55);
 }
 
