@@ -89,6 +89,10 @@ TEST_F(MainLoopWaitTest, ShortWaitOnlyWhilePacedChangesAreAllThatIsPending) {
       {"switcher output waits",
        [this] { FlushedChanges(); set_flush_allow_for_test(now + 1); SwitcherOutputBlocked(); },
        idle_us},
+      {"a connect awaits its outcome",
+       [] { FlushedChanges(); set_flush_allow_for_test(now + 1);
+            connection_set_connect_in_progress_for_test(true); },
+       idle_us},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
