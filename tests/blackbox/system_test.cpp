@@ -1,7 +1,7 @@
 // The whole backend against the switcher emulator: the synchronisation on the
 // wire, the reports it produces, route changes and renames coming back
-// through status polling, the parent served while the backend waits, and
-// batches nested by a slow switcher.
+// through status polling, and batches nested by a slow switcher (a flush
+// served while the backend waits on the switcher).
 #include <algorithm>
 #include <cstdio>
 
@@ -68,25 +68,6 @@ TEST_F(SystemTest, TakesAndRenamesComeBackAndAddressChangeReconnects) {
   EXPECT_EQ(0, wait_exit(backend_));
   ASSERT_FALSE(backend_.diags.empty());
   EXPECT_EQ("<NOTE>Connection to router closed", backend_.diags.back().text);
-}
-
-TEST_F(SystemTest, ParentServedDuringSynchronisation) {
-  // Answers come 50 ms late (still inside the handshake's 100 ms resend), so
-  // the backend spends its time waiting inside exchanges. The request is sent
-  // whole but for its final empty line, which then completes it while an
-  // exchange waits.
-  StartEmulator({"--outputs", "12", "--inputs", "2", "--delay", "50"});
-  StartBackend();
-  Send("*COMMAND=report\n*TYPE=command\n*ID=5\nwhat=inputs\n");
-  ASSERT_NE("", wait_for_stderr(emu_, "recv BK N"));
-  Send("\n");
-  std::string record;
-  while ((record = read_record(backend_)).find("*ID=5") == std::string::npos) {
-    ASSERT_NE("", record);
-    ASSERT_EQ(std::string::npos, record.find("input.all")) << "reply after the sync ended";
-  }
-  EXPECT_EQ("*TYPE=reply\n*ID=5\n", record);
-  ASSERT_NE("", WaitRecord("o11.input.all"));
 }
 
 // Whatever order batches interleave in, the newest change flushed for an

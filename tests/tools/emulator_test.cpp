@@ -37,12 +37,8 @@ class SwitcherEmulatorTest : public testing::Test {
 TEST_F(SwitcherEmulatorTest, AnswersEachRequestForm) {
   const std::tuple<const char*, std::vector<std::string>, const char*> cases[] = {
       {"BK", {}, "ER|00|BK"},
-      {"BK", {"N"}, "KB|N|Emulated Switcher"},
-      {"BK", {"R"}, "KB|R|1.0"},
-      {"BK", {"T"}, "KB|T|EMU"},
       {"BK", {"I", "15"}, "ER|00|BK"},
       {"BK", {"F"}, "KB|F|0"},
-      {"QN", {"L"}, "NQ|L|2|Video|0|0|Audio|1|0"},
       {"QD", {}, "ER|00|QD"},
       {"QI", {"a", "1"}, "IQ|A|1|0|0|A"},
       {"TI", {"10", "1"}, "ER|00|TI"},
