@@ -59,10 +59,14 @@ fuzz:
 	./fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
 # The Debian package, built from the release preset (stripped, no tests):
-# build/release/zeph-route-grass-valley_<version>_<arch>.deb.
+# build/release/zeph-route-grass-valley_<version>_<arch>.deb, then checked by
+# lintian where it is installed: any error fails the target.
 package:
 	cmake --preset release >/dev/null
 	cmake --build --preset release --target package
+	@if command -v lintian >/dev/null; then \
+	  lintian --fail-on error build/release/*.deb; \
+	else echo "package: lintian is not installed, the package is not checked" >&2; fi
 
 # A console script against the bundled switcher emulator: read tools/demo.console.
 demo: build
