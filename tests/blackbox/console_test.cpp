@@ -16,19 +16,7 @@ class ConsoleTest : public SystemTest {
                             {"zeph_route_console", "--backend", DAEMON_PATH, "--file", cfg}));
   }
   void Type(const std::string& lines) { child_write(console_, lines); }
-  // The console's output up to and including the line holding text, taken;
-  // "" when it did not come.
-  std::string Until(const std::string& text) {
-    std::string seen;
-    const auto found = [&] {
-      for (std::string line; child_take_line(console_.out_buf, line);) {
-        seen += line + "\n";
-        if (line.find(text) != std::string::npos) return true;
-      }
-      return false;
-    };
-    return child_wait(found, wait_ms) ? seen : "";
-  }
+  std::string Until(const std::string& text) { return LinesUntil(console_.out_buf, text); }
   // Ends its input and returns its exit status.
   int End() {
     child_close_input(console_);

@@ -76,14 +76,21 @@ class SystemTest : public testing::Test {
     return client_wait_diag(c, text, timeout_ms, line) ? line.text + "\n" : "";
   }
   static std::string wait_for_stderr(child_process& c, const std::string& text, int timeout_ms = wait_ms) {
-    std::string line;
+    const std::string seen = LinesUntil(c.err_buf, text, timeout_ms);
+    return seen.substr(seen.rfind('\n', seen.size() - 2) + 1);
+  }
+  // Takes the lines of buf, a child's output, up to and including the first
+  // that holds text, each with its "\n"; "" when none came within timeout_ms.
+  static std::string LinesUntil(std::string& buf, const std::string& text, int timeout_ms = wait_ms) {
+    std::string seen;
     const auto found = [&] {
-      while (child_take_line(c.err_buf, line)) {
+      for (std::string line; child_take_line(buf, line);) {
+        seen += line + "\n";
         if (line.find(text) != std::string::npos) return true;
       }
       return false;
     };
-    return child_wait(found, timeout_ms) ? line + "\n" : "";
+    return child_wait(found, timeout_ms) ? seen : "";
   }
 
   // The backend's exit status, or -1 when it did not exit within timeout_ms
