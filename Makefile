@@ -1,5 +1,5 @@
 # Thin wrapper over CMake presets; see README.md.
-.PHONY: all build test test-asan coverage coverage-prereqs lint lint-prereqs demo bench bench-prereqs fuzz package clean
+.PHONY: all build test test-asan coverage coverage-prereqs lint lint-prereqs mutation demo bench bench-prereqs fuzz package clean
 
 all: build
 
@@ -49,6 +49,15 @@ lint-prereqs:
 	for tool in clang-tidy cppcheck; do command -v $$tool >/dev/null || need="$$need $$tool"; done; \
 	command -v clang++ >/dev/null || need="$$need clang"; \
 	[ -z "$$need" ] || ./.ci/install $$need
+
+# A sampled mutation run: MUTANTS single changes to src/ (a comparison, a
+# logical or arithmetic operator, a constant), each built and tested in a copy
+# of the tree under build/mutation; prints which the suite killed. Slow (a
+# build and a suite run per mutant), so not part of CI.
+MUTANTS ?= 30
+MUTATION_SEED ?= 1
+mutation:
+	python3 tools/mutation_sample.py --samples $(MUTANTS) --seed $(MUTATION_SEED)
 
 # libFuzzer targets (clang, AddressSanitizer, UndefinedBehaviorSanitizer):
 # replay the kept regression inputs, then fuzz each target for FUZZ_SECONDS.
