@@ -12,8 +12,8 @@ alone; "<" and ">" count only with a blank on each side, so template
 brackets and shifts are not taken. A constant below 16 moves by one (1 to
 0), a larger one doubles.
 
-With --list it prints the places and stops. Otherwise it copies the tracked
-tree into --work (default build/mutation), draws --samples places with
+With --list it prints the places and stops. Otherwise it copies the working
+tree (the files git tracks or would, as they are now) into --work (default build/mutation), draws --samples places with
 --seed, and for each one builds the copy with that single change and runs
 the suite there (the field-kit tests left out: they test packaging, not
 src/). A mutant the suite fails on is "killed"; one that passes "survived";
@@ -129,17 +129,18 @@ def main():
         return 0
 
     tree, build = os.path.join(args.work, "tree"), os.path.join(args.work, "build")
-    tracked = subprocess.run(["git", "ls-files", "-z"], cwd=ROOT, check=True,
+    tracked = subprocess.run(["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+                             cwd=ROOT, check=True,
                              capture_output=True).stdout.decode().split("\0")
     shutil.rmtree(tree, ignore_errors=True)
-    for rel in filter(None, tracked):
+    for rel in filter(lambda rel: os.path.isfile(os.path.join(ROOT, rel)), tracked):
         os.makedirs(os.path.dirname(os.path.join(tree, rel)), exist_ok=True)
         shutil.copy2(os.path.join(ROOT, rel), os.path.join(tree, rel))
     configure = ["cmake", "-S", tree, "-B", build, "-DCMAKE_BUILD_TYPE=Debug", "-DZEPH_WERROR=OFF"]
     compile_ = ["cmake", "--build", build, "-j2"]
     test = ["ctest", "--test-dir", build, "-j2", "--timeout", "120", "-E", "FieldKit"]
     if not (run(configure, tree, 600) and run(compile_, tree, 1800) and run(test, tree, 1800)):
-        print("the unchanged tree does not build or pass its tests", file=sys.stderr)
+        print(f"the unchanged tree does not build or pass its tests: see {build}", file=sys.stderr)
         return 1
 
     chosen = random.Random(args.seed).sample(places, min(args.samples, len(places)))
