@@ -162,7 +162,7 @@ def main():
         lines[number - 1] = kept
         with open(path, "w", encoding="utf-8") as f:
             f.writelines(lines)
-        print(f"{verdict:9} src/{rel}:{number}: {kept.strip()}  [{original} -> {replacement}]",
+        print(f"{verdict:9} src/{rel}:{number}:{column + 1}: {kept.strip()}  [{original} -> {replacement}]",
               flush=True)
     print(f"killed {killed} of {killed + survived} mutants that built "
           f"({len(chosen)} drawn from {len(places)} places, seed {args.seed}; {broken} did not build)")

@@ -1,5 +1,6 @@
 #include "base/flags.h"
 
+#include <array>
 #include <csignal>
 
 namespace {
@@ -8,12 +9,13 @@ constexpr int flag_count = 6;
 static_assert(static_cast<int>(process_flag::outputs_report_needed) == flag_count - 1);
 
 // counts_changed and info_report_needed start raised, so the first pass
-// computes the counts and sends an info report.
-constexpr bool start_values[flag_count] = {false, false, true, true, false, false};
+// computes the counts and sends an info report. The process starts from
+// these values and the test reset returns to them: one list for both.
+constexpr std::array<bool, flag_count> start_values = {false, false, true, true, false, false};
 static_assert(static_cast<int>(process_flag::counts_changed) == 2);
 static_assert(static_cast<int>(process_flag::info_report_needed) == 3);
 
-bool flags[flag_count] = {false, false, true, true, false, false};
+std::array<bool, flag_count> flags = start_values;
 // Written by the signal handler, read at the top of every main-loop pass.
 volatile std::sig_atomic_t quit_flag = 0;
 
@@ -29,6 +31,6 @@ bool quit_is_requested() { return quit_flag != 0; }
 void request_quit() { quit_flag = 1; }
 
 void reset_process_flags() {
-  for (int i = 0; i < flag_count; ++i) flags[i] = start_values[i];
+  flags = start_values;
   quit_flag = 0;
 }
