@@ -28,7 +28,8 @@ TEST_F(BackendTest, CommandLineAndStartUpChecksStopTheBinary) {
   struct Case {
     std::vector<std::string> args;
     std::string err;
-    std::string stdout_path = "";  // a regular file instead of a pipe
+    std::string stdout_path = "";  // a file or device instead of a pipe
+    int status = 1;
   };
   const Case cases[] = {
       {{"-h"}, usage},
@@ -46,6 +47,8 @@ TEST_F(BackendTest, CommandLineAndStartUpChecksStopTheBinary) {
       {{"--file", link}, invalid(link)},
       {{"--file", cfg, "-file", missing}, invalid(missing)},
       {{"--file", cfg}, "Failed to prepare communications with parent process\n", dir_.path + "/o"},
+      // A character device (a terminal, /dev/null) does as well as a pipe.
+      {{"--file", cfg}, "<DBG>Changing number of inputs to 4\n", "/dev/null", 0},
       // A regular file that cannot be read: the process's own memory from address 0.
       {{"--file", "/proc/self/mem"}, "<ERR>Failure to read configuration\n"},
   };
@@ -55,7 +58,8 @@ TEST_F(BackendTest, CommandLineAndStartUpChecksStopTheBinary) {
     std::vector<std::string> argv{"zeph_route_grass_valley"};
     argv.insert(argv.end(), c.args.begin(), c.args.end());
     ASSERT_TRUE(child_start(child, DAEMON_PATH, argv, c.stdout_path));
-    EXPECT_EQ(1, child_wait_exit(child, wait_ms));
+    child_close_input(child);
+    EXPECT_EQ(c.status, child_wait_exit(child, wait_ms));
     EXPECT_EQ(c.err, child.err_buf);
   }
 }
