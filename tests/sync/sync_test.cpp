@@ -64,6 +64,7 @@ TEST_F(SynchronisationTest, IdentityTexts) {
       {"continued model answer",
        {{"BK N", framed("N1KB\tN\tA") + framed("N0KB\tN\tB")}}, "", ""},
       {"model answer refused", {{"BK N", "\x15" "0001\x04"}}, "", ""},
+      {"model answer of another command", {{"BK N", framed("N0QK\tN\tX")}}, "", ""},
       {"model answer without text", {{"BK N", framed("N0KB\tN")}}, "", ""},
       {"empty model", {{"BK N", framed("N0KB\tN\t\tx")}}, "", ""},
       {"type answer for another letter", {{"BK R", rev}, {"BK T", framed("N0KB\tR\tV5")}}, "",
