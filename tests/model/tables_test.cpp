@@ -97,6 +97,7 @@ TEST_F(RouterTablesTest, LevelScan) {
   EXPECT_EQ(0x80000001u, router_level_mask());
   update_levels_info({nq({"L", "2", "Big", "20", "x", "Key", "2", "x"})});
   EXPECT_EQ((params{"", "", "Key"}), router_levels());  // level 32 is dropped
+  EXPECT_EQ(0x4u, router_level_mask());                 // nothing kept from the scan before
   update_levels_info({nq({"L", "2", "B", "1", "x", "A", "0", "x"})});
   EXPECT_EQ((params{"A", "B"}), router_levels());
 }
