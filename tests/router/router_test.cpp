@@ -213,6 +213,11 @@ TEST_F(RouterLinkTest, ConnectThenWatchdog) {
   EXPECT_TRUE(connection_ready());
 
   EXPECT_EQ("", stderr_of(connection_poll));
+  // One message is a sign of life: the watchdog starts over.
+  connection_set_last_activity_for_test(monotonic_now_us() - twenty_one_s);
+  ASSERT_TRUE(write_all(sw.fd, framed("N0QD")));
+  EXPECT_EQ(msg_line("N0QD"), stderr_of(connection_poll));
+  EXPECT_EQ("[OK] request=QD protocol=N seq=0 ", take_all());
   connection_set_last_activity_for_test(monotonic_now_us() - twenty_one_s);
   EXPECT_EQ("<WARN>Connection timeout\n<NOTE>Connection to router closed\n",
             stderr_of(connection_poll));
