@@ -15,21 +15,26 @@
 
 namespace {
 
-// Changes the parent added and has not flushed yet.
-std::deque<route_change> queued;
-// Flushed changes not yet taken by a batch.
-std::deque<route_change> send_queue;
-// No batch starts while the clock reads earlier than this; 0: none scheduled.
-us_time_t flush_allow_at = 0;
-// When reached, everything still waiting is dropped; 0: not armed. It is also
-// the deadline of every exchange of the batch running.
-us_time_t queue_timeout_at = 0;
-// Batches are numbered as they take their slots. A batch that starts while
-// another waits on the switcher holds changes flushed after that one took
-// its own, so the higher number always carries the newer changes.
-std::uint64_t batches_started = 0;
-// Per output, the number of the newest batch that sent it a "TI"; 0: none.
-std::vector<std::uint64_t> newest_sender;
+// The queues and their timers. The process starts from these values and the
+// test reset returns to them, so the two cannot drift apart.
+struct route_queue_state {
+  // Changes the parent added and has not flushed yet.
+  std::deque<route_change> queued;
+  // Flushed changes not yet taken by a batch.
+  std::deque<route_change> send_queue;
+  // No batch starts while the clock reads earlier than this; 0: none scheduled.
+  us_time_t flush_allow_at = 0;
+  // When reached, everything still waiting is dropped; 0: not armed. It is
+  // also the deadline of every exchange of the batch running.
+  us_time_t queue_timeout_at = 0;
+  // Batches are numbered as they take their slots. A batch that starts while
+  // another waits on the switcher holds changes flushed after that one took
+  // its own, so the higher number always carries the newer changes.
+  std::uint64_t batches_started = 0;
+  // Per output, the number of the newest batch that sent it a "TI"; 0: none.
+  std::vector<std::uint64_t> newest_sender;
+};
+route_queue_state q;
 
 constexpr us_time_t pacing_step_us = 66'000;
 constexpr us_time_t pacing_cap_us = 750'000;
@@ -46,9 +51,9 @@ bool link_ready_for_batch() {
 // an output replacing an earlier one; changes for other outputs are dropped.
 std::vector<route_change> take_slots(std::size_t slot_count) {
   std::vector<route_change> slots(slot_count);
-  while (!send_queue.empty()) {
-    const route_change c = send_queue.front();
-    send_queue.pop_front();
+  while (!q.send_queue.empty()) {
+    const route_change c = q.send_queue.front();
+    q.send_queue.pop_front();
     if (c.output >= 0 && static_cast<std::size_t>(c.output) < slot_count) slots[c.output] = c;
   }
   return slots;
@@ -65,40 +70,40 @@ void send_take_input(const route_change& c) {
   // Failures are logged and the connection closed by the exchange; the batch
   // goes on regardless, the switcher's answer changes nothing here.
   static_cast<void>(
-      request_reply(response, "TI", {hex_parameter(dest), hex_parameter(src)}, queue_timeout_at));
+      request_reply(response, "TI", {hex_parameter(dest), hex_parameter(src)}, q.queue_timeout_at));
 }
 
 }  // namespace
 
-void add_route_change(const route_change& change) { queued.push_back(change); }
+void add_route_change(const route_change& change) { q.queued.push_back(change); }
 
-void discard_route_changes() { queued.clear(); }
+void discard_route_changes() { q.queued.clear(); }
 
 void flush_route_changes() {
-  while (!queued.empty()) {
-    send_queue.push_back(queued.front());
-    queued.pop_front();
+  while (!q.queued.empty()) {
+    q.send_queue.push_back(q.queued.front());
+    q.queued.pop_front();
   }
   send_route_changes();
 }
 
 void send_route_changes() {
   const std::uint64_t slot_count = active_outputs();
-  if (!link_ready_for_batch() || slot_count == 0 || send_queue.empty()) return;
+  if (!link_ready_for_batch() || slot_count == 0 || q.send_queue.empty()) return;
 
   const us_time_t start = monotonic_now_us();
-  if (flush_allow_at > start) {
+  if (q.flush_allow_at > start) {
     diag("<DBG>Route changes too soon, will flush later\n");
     return;
   }
-  flush_allow_at = start;
+  q.flush_allow_at = start;
 
   // The slot table is this batch's own: exchanges below serve the parent, and
   // a nested flush fills the send queue afresh and may run a batch of its own.
   const std::vector<route_change> slots = take_slots(static_cast<std::size_t>(slot_count));
-  const std::uint64_t batch = ++batches_started;
-  if (newest_sender.size() < slots.size()) newest_sender.resize(slots.size(), 0);
-  queue_timeout_at = monotonic_now_us() + queue_timeout_us;
+  const std::uint64_t batch = ++q.batches_started;
+  if (q.newest_sender.size() < slots.size()) q.newest_sender.resize(slots.size(), 0);
+  q.queue_timeout_at = monotonic_now_us() + queue_timeout_us;
 
   for (const route_change& c : slots) {
     if (c.output < 0 || static_cast<std::size_t>(c.output) >= slots.size() || c.input < -1) {
@@ -107,53 +112,46 @@ void send_route_changes() {
     // A newer batch, run while this one waited, has sent this output its
     // newer change: ours would arrive last and undo it. A skipped slot sends
     // nothing, so it adds nothing to the pacing either.
-    if (newest_sender[c.output] > batch) continue;
-    newest_sender[c.output] = batch;
+    if (q.newest_sender[c.output] > batch) continue;
+    q.newest_sender[c.output] = batch;
     send_take_input(c);
-    flush_allow_at += pacing_step_us;
+    q.flush_allow_at += pacing_step_us;
   }
   // The pacing counts from the batch's start, and never holds longer than
   // the cap even for a large batch.
-  if (start + pacing_cap_us < flush_allow_at) flush_allow_at = start + pacing_cap_us;
+  if (start + pacing_cap_us < q.flush_allow_at) q.flush_allow_at = start + pacing_cap_us;
 }
 
 void delayed_flush_step() {
   const us_time_t now = monotonic_now_us();
-  if (queue_timeout_at >= now + queue_timeout_sanity_us) {
+  if (q.queue_timeout_at >= now + queue_timeout_sanity_us) {
     diag("<WARN>Queue timeout too far into the future\n");
-    queue_timeout_at = 0;
+    q.queue_timeout_at = 0;
   }
-  if (flush_allow_at >= now + flush_allow_sanity_us) {
+  if (q.flush_allow_at >= now + flush_allow_sanity_us) {
     diag("<WARN>Flush allow too far into the future\n");
-    flush_allow_at = 0;
+    q.flush_allow_at = 0;
   }
-  if (queue_timeout_at != 0 && now >= queue_timeout_at) {
+  if (q.queue_timeout_at != 0 && now >= q.queue_timeout_at) {
     // Five seconds after a batch started, nothing still waiting is current.
-    queued.clear();
-    send_queue.clear();
-    queue_timeout_at = 0;
+    q.queued.clear();
+    q.send_queue.clear();
+    q.queue_timeout_at = 0;
     return;
   }
-  if (!send_queue.empty() && flush_allow_at != 0 && flush_allow_at <= now) {
+  if (!q.send_queue.empty() && q.flush_allow_at != 0 && q.flush_allow_at <= now) {
     diag("<DBG>Now sending delayed route changes\n");
     send_route_changes();
   }
 }
 
-bool send_queue_empty() { return send_queue.empty(); }
-us_time_t flush_allow() { return flush_allow_at; }
-us_time_t queue_timeout() { return queue_timeout_at; }
+bool send_queue_empty() { return q.send_queue.empty(); }
+us_time_t flush_allow() { return q.flush_allow_at; }
+us_time_t queue_timeout() { return q.queue_timeout_at; }
 
-const std::deque<route_change>& queued_route_changes() { return queued; }
+const std::deque<route_change>& queued_route_changes() { return q.queued; }
 
-void set_flush_allow_for_test(us_time_t t) { flush_allow_at = t; }
-void set_queue_timeout_for_test(us_time_t t) { queue_timeout_at = t; }
+void set_flush_allow_for_test(us_time_t t) { q.flush_allow_at = t; }
+void set_queue_timeout_for_test(us_time_t t) { q.queue_timeout_at = t; }
 
-void reset_route_queues() {
-  queued.clear();
-  send_queue.clear();
-  flush_allow_at = 0;
-  queue_timeout_at = 0;
-  batches_started = 0;
-  newest_sender.clear();
-}
+void reset_route_queues() { q = route_queue_state{}; }
