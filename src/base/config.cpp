@@ -18,12 +18,17 @@ constexpr std::uint64_t max_active_count = 256;
 // Inserted before the file name to form the metadir.
 constexpr const char* metadir_suffix = ".tessikmeta.";
 
-std::uint64_t config_inputs = 0;   // 0: use the switcher's count
-std::uint64_t config_outputs = 0;  // 0: use the switcher's count
-std::string address;               // empty: no connection is attempted
-std::int32_t port = -1;            // below 1: the default port
-std::uint64_t active_in = 0;
-std::uint64_t active_out = 0;
+// The settings. The process starts from these values and the test reset
+// returns to them, so the two cannot drift apart.
+struct settings {
+  std::uint64_t config_inputs = 0;   // 0: use the switcher's count
+  std::uint64_t config_outputs = 0;  // 0: use the switcher's count
+  std::string address;               // empty: no connection is attempted
+  std::int32_t port = -1;            // below 1: the default port
+  std::uint64_t active_in = 0;
+  std::uint64_t active_out = 0;
+};
+settings current;
 
 // Adds one line as read by fgets (NUL-terminated, "\n" kept if it fitted).
 void add_config_line(config_map& map, const char* text) {
@@ -97,32 +102,32 @@ int read_configuration(config_map& map, const std::string& path) {
 
 void apply_config_key(const std::string& key, const std::string& value) {
   if (key == "inputs") {
-    set_count(config_inputs, value);
+    set_count(current.config_inputs, value);
   } else if (key == "outputs") {
-    set_count(config_outputs, value);
+    set_count(current.config_outputs, value);
   } else if (key == "ip address") {
-    if (value == address) return;
-    address = value;
+    if (value == current.address) return;
+    current.address = value;
     link_setting_changed();
   } else if (key == "port") {
     const std::int32_t p = value.empty() ? -1 : leading_number(value);
-    if (p == port) return;
-    port = p;
+    if (p == current.port) return;
+    current.port = p;
     link_setting_changed();
   }
 }
 
 void recompute_active_counts(std::uint64_t reported_inputs, std::uint64_t reported_outputs) {
-  const std::uint64_t old_in = active_in;
-  const std::uint64_t old_out = active_out;
-  active_in = active_count(config_inputs, reported_inputs);
-  active_out = active_count(config_outputs, reported_outputs);
-  if (active_in != old_in) {
-    diag("<DBG>Changing number of inputs to %u\n", static_cast<unsigned>(active_in));
+  const std::uint64_t old_in = current.active_in;
+  const std::uint64_t old_out = current.active_out;
+  current.active_in = active_count(current.config_inputs, reported_inputs);
+  current.active_out = active_count(current.config_outputs, reported_outputs);
+  if (current.active_in != old_in) {
+    diag("<DBG>Changing number of inputs to %u\n", static_cast<unsigned>(current.active_in));
     raise_flag(process_flag::info_report_needed);
   }
-  if (active_out != old_out) {
-    diag("<DBG>Changing number of outputs to %u\n", static_cast<unsigned>(active_out));
+  if (current.active_out != old_out) {
+    diag("<DBG>Changing number of outputs to %u\n", static_cast<unsigned>(current.active_out));
     raise_flag(process_flag::info_report_needed);
   }
 }
@@ -134,18 +139,11 @@ std::string derive_metadir(const std::string& path) {
   return path.substr(0, slash + 1) + metadir_suffix + path.substr(slash + 1);
 }
 
-std::uint64_t configured_inputs() { return config_inputs; }
-std::uint64_t configured_outputs() { return config_outputs; }
-const std::string& router_address() { return address; }
-std::int32_t router_port() { return port; }
-std::uint64_t active_inputs() { return active_in; }
-std::uint64_t active_outputs() { return active_out; }
+std::uint64_t configured_inputs() { return current.config_inputs; }
+std::uint64_t configured_outputs() { return current.config_outputs; }
+const std::string& router_address() { return current.address; }
+std::int32_t router_port() { return current.port; }
+std::uint64_t active_inputs() { return current.active_in; }
+std::uint64_t active_outputs() { return current.active_out; }
 
-void reset_configuration() {
-  config_inputs = 0;
-  config_outputs = 0;
-  address.clear();
-  port = -1;
-  active_in = 0;
-  active_out = 0;
-}
+void reset_configuration() { current = settings{}; }
