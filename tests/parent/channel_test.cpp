@@ -77,6 +77,12 @@ TEST_F(ParentChannelTest, PartialWriteCompletesLater) {
 }
 
 TEST_F(ParentChannelTest, EndOfInputOrBrokenOutputEndsChannel) {
+  // A read that fails outright (the pipe's write end cannot be read) ends
+  // the input as its end does.
+  parent_channel_use_fds_for_test(p_.in[1], p_.out[1]);
+  EXPECT_EQ(-1, parent_pump());
+  parent_channel_use_fds_for_test(p_.in[0], p_.out[1]);
+
   parent_message msg;
   msg.command = "info";
   // A full output pipe keeps the record queued.
