@@ -113,6 +113,12 @@ def run(command, cwd, timeout):
         return False
 
 
+def write_with_line(path, lines, number, text):
+    """Writes lines to path with line number (from 1) replaced by text."""
+    with open(path, "w", encoding="utf-8") as f:
+        f.writelines(lines[:number - 1] + [text] + lines[number:])
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--samples", type=int, default=30)
@@ -149,23 +155,21 @@ def main():
     chosen = random.Random(args.seed).sample(places, min(args.samples, len(places)))
     killed = survived = broken = 0
     for rel, number, column, original, replacement in sorted(chosen):
-        path = os.path.join(tree, "src", rel)
+        # The places are relative to --src; the copy mirrors the checkout.
+        shown = os.path.relpath(os.path.join(args.src, rel), ROOT)
+        path = os.path.join(tree, shown)
         with open(path, encoding="utf-8") as f:
             lines = f.readlines()
         kept = lines[number - 1]
-        lines[number - 1] = kept[:column] + replacement + kept[column + len(original):]
-        with open(path, "w", encoding="utf-8") as f:
-            f.writelines(lines)
+        write_with_line(path, lines, number, kept[:column] + replacement + kept[column + len(original):])
         if not run(compile_, tree, 1800):
             verdict, broken = "no build", broken + 1
         elif run(test, tree, 1800):
             verdict, survived = "SURVIVED", survived + 1
         else:
             verdict, killed = "killed", killed + 1
-        lines[number - 1] = kept
-        with open(path, "w", encoding="utf-8") as f:
-            f.writelines(lines)
-        print(f"{verdict:9} src/{rel}:{number}:{column + 1}: {kept.strip()}  [{original} -> {replacement}]",
+        write_with_line(path, lines, number, kept)
+        print(f"{verdict:9} {shown}:{number}:{column + 1}: {kept.strip()}  [{original} -> {replacement}]",
               flush=True)
     print(f"killed {killed} of {killed + survived} mutants that built "
           f"({len(chosen)} drawn from {len(places)} places, seed {args.seed}; {broken} did not build)")
