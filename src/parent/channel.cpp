@@ -9,6 +9,9 @@
 #include <cstdio>
 #include <string>
 
+#include "base/diag.h"
+#include "parent/record_reader.h"
+
 namespace {
 
 int in_fd = 0;   // requests from the parent
@@ -16,8 +19,7 @@ int out_fd = 1;  // replies and reports to the parent
 
 // The record being filled. Only one is ever buffered: while it is ready,
 // further input stays unread in the descriptor.
-parent_message incoming;
-std::string line;              // bytes of the current input line so far
+parent_record_reader reader;
 bool record_ready = false;     // complete, waiting to be taken
 bool record_handed_out = true; // taken; cleared before the next byte is read
 
@@ -47,7 +49,7 @@ void reset_output() {
 int read_step() {
   if (record_ready) return 0;
   if (record_handed_out) {
-    parent_message_clear(incoming);
+    parent_reader_restart(reader);
     record_handed_out = false;
   }
   char c;
@@ -55,17 +57,15 @@ int read_step() {
   if (n == 0) return -1;
   if (n < 0) return (errno == EAGAIN || errno == EINTR) ? 0 : -1;
 
-  if (c == '\n') {
-    if (!line.empty()) {
-      parent_message_parse_line(incoming, line);
-    } else if (parent_message_complete(incoming)) {
-      // An empty line after a record holding only type and id completes
-      // nothing; the lines that follow add to the same record.
+  switch (parent_reader_take(reader, c)) {
+    case parent_read_result::complete:
       record_ready = true;
-    }
-    line.clear();
-  } else if (c != '\r') {
-    line += c;  // NUL included; the parser stops at it
+      break;
+    case parent_read_result::dropped:
+      diag("<WARN>Dropping a parent record longer than %zu bytes\n", reader.limit);
+      break;
+    case parent_read_result::more:
+      break;
   }
   return 0;
 }
@@ -111,7 +111,7 @@ const parent_message* parent_next() {
   if (!record_ready) return nullptr;
   record_ready = false;
   record_handed_out = true;
-  return &incoming;
+  return &reader.record;
 }
 
 void parent_send(const parent_message& msg) {
@@ -132,8 +132,7 @@ void parent_add_read_fds(fd_set* set, int* nfds) {
 void parent_channel_use_fds_for_test(int in, int out) {
   in_fd = in;
   out_fd = out;
-  parent_message_clear(incoming);
-  line.clear();
+  reader = parent_record_reader{};
   record_ready = false;
   record_handed_out = true;
   reset_output();
