@@ -55,11 +55,14 @@ void run_steps() {
   report_if_needed(process_flag::outputs_report_needed, send_outputs_report);
 }
 
-// Waits for input from the switcher or the parent. A signal or a failure of
-// select is just an early wake-up: the next pass looks at everything anyway.
+// Waits for input from the switcher or the parent, or, while output to the
+// parent holds its input back, for the parent to read. A signal or a failure
+// of select is just an early wake-up: the next pass looks at everything anyway.
 void wait_for_input(long wait_us) {
   fd_set readable;
+  fd_set writable;
   FD_ZERO(&readable);
+  FD_ZERO(&writable);
   int nfds = 0;
   const int sock = connection_socket();
   if (sock >= 0) {
@@ -68,8 +71,9 @@ void wait_for_input(long wait_us) {
     nfds = sock + 1;
   }
   parent_add_read_fds(&readable, &nfds);
+  parent_add_write_fds(&writable, &nfds);
   timeval timeout{0, wait_us};
-  (void)select(nfds, &readable, nullptr, nullptr, &timeout);
+  (void)select(nfds, &readable, &writable, nullptr, &timeout);
 }
 
 }  // namespace

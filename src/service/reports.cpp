@@ -28,19 +28,26 @@ parent_message make_report(const char* command) {
 // One "<prefix><index>.name" field per entry, the whole table whatever the
 // active counts.
 void send_names_report(const char* command, const char* prefix,
-                       const std::vector<router_entry>& table) {
+                       const std::vector<router_entry>& table, parent_output_kind kind) {
   parent_message msg = make_report(command);
   for (std::size_t i = 0; i < table.size(); ++i) {
     msg.fields[prefix + std::to_string(i) + ".name"] = table[i].name;
   }
-  parent_send(msg);
+  parent_send(msg, kind);
 }
 
 }  // namespace
 
-void send_outputs_report() { send_names_report("outputs", "o", router_outputs_info()); }
+// A report the parent has not begun to read when a newer one of its kind is
+// sent gives way to it (the parent channel says how): a parent that reads
+// slowly gets the newest names and routes, not a backlog.
+void send_outputs_report() {
+  send_names_report("outputs", "o", router_outputs_info(), parent_output_kind::outputs_names);
+}
 
-void send_inputs_report() { send_names_report("inputs", "i", router_inputs_info()); }
+void send_inputs_report() {
+  send_names_report("inputs", "i", router_inputs_info(), parent_output_kind::inputs_names);
+}
 
 void send_info_report() {
   parent_message msg = make_report("info");
@@ -52,7 +59,7 @@ void send_info_report() {
   msg.fields["copyright"] = credit_text;
   msg.fields["firmware version"] = firmware_version();
   msg.fields["model"] = device_model();
-  parent_send(msg);
+  parent_send(msg, parent_output_kind::info);
 }
 
 void send_routing_report() {
@@ -68,5 +75,5 @@ void send_routing_report() {
         c.input < 0 ? std::string("none") : std::to_string(c.input);
   }
   // Sent even when every change was dropped.
-  parent_send(msg);
+  parent_send(msg, parent_output_kind::routing);
 }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <map>
 #include <string>
 
 #include "parent/record_reader.h"
@@ -38,8 +39,21 @@ class ParentChannelTest : public testing::Test {
     return text;
   }
   std::string Drain() { return parent_pipes_output(p_); }
+  // Fills the output pipe, so that what the channel sends stays unwritten.
+  void BlockOutput() {
+    while (write(p_.out[1], "0123456789abcdef", 16) > 0) {
+    }
+  }
   parent_pipes p_;
 };
+
+parent_message Report(const char* command, std::map<std::string, std::string> fields) {
+  parent_message msg;
+  msg.command = command;
+  msg.type = "message";
+  msg.fields = std::move(fields);
+  return msg;
+}
 
 TEST_F(ParentChannelTest, ReadsOneRecordAtATime) {
   const std::string first = "*COMMAND=report\r\n*ID=17\nreport=info\r\n\n";
@@ -119,6 +133,85 @@ TEST_F(ParentChannelTest, OverLongRecordDroppedWithOneLine) {
   EXPECT_EQ("<WARN>Dropping a parent record longer than 65536 bytes\n",
             testing::internal::GetCapturedStderr());
   EXPECT_EQ("*COMMAND=b\n\n", got);
+}
+
+// A report not yet begun gives way to a newer one of its kind: a names or info
+// report is replaced, routing reports merge with the newest route per output.
+// The newer one goes last; replies stay as sent.
+TEST_F(ParentChannelTest, UnwrittenReportsGiveWayToNewerOnes) {
+  BlockOutput();
+  parent_message reply;
+  reply.type = "reply";
+  reply.id = "1";
+  parent_send(Report("outputs", {{"o1.input.all", "3"}, {"o2.input.all", "4"}}),
+              parent_output_kind::routing);
+  parent_send(reply);
+  parent_send(Report("outputs", {{"o0.name", "A"}}), parent_output_kind::outputs_names);
+  parent_send(Report("outputs", {{"o2.input.all", "5"}, {"o3.input.all", "none"}}),
+              parent_output_kind::routing);
+  parent_send(Report("inputs", {{"i0.name", "C"}}), parent_output_kind::inputs_names);
+  parent_send(Report("outputs", {{"o0.name", "B"}}), parent_output_kind::outputs_names);
+  parent_send(reply);
+  (void)Drain();
+  std::string got;
+  for (int i = 0; i < 10 && parent_output_pending(); ++i) {
+    ASSERT_EQ(0, parent_pump());
+    got += Drain();
+  }
+  EXPECT_EQ("*TYPE=reply\n*ID=1\n\n"
+            "*COMMAND=outputs\n*TYPE=message\no1.input.all=3\no2.input.all=5\no3.input.all=none\n\n"
+            "*COMMAND=inputs\n*TYPE=message\ni0.name=C\n\n"
+            "*COMMAND=outputs\n*TYPE=message\no0.name=B\n\n"
+            "*TYPE=reply\n*ID=1\n\n",
+            got);
+
+  // A report whose first bytes have gone out is written whole, and the newer
+  // one after it.
+  const parent_message started = Report("outputs", {{"o0.name", std::string(200000, 'n')}});
+  const parent_message newer = Report("outputs", {{"o0.name", "B"}});
+  std::string want;
+  parent_message_serialise(started, want);
+  parent_message_serialise(newer, want);
+  parent_send(started, parent_output_kind::outputs_names);
+  parent_send(newer, parent_output_kind::outputs_names);
+  got.clear();
+  for (int i = 0; i < 100 && parent_output_pending(); ++i) {
+    got += Drain();
+    ASSERT_EQ(0, parent_pump());
+  }
+  EXPECT_EQ(want, got + Drain());
+}
+
+// With a mebibyte unwritten, nothing is read and descriptor 0 leaves the
+// read set for descriptor 1 in the write set; once the parent has read it
+// down, reading resumes where it stopped.
+TEST_F(ParentChannelTest, UnreadOutputHoldsInputBack) {
+  BlockOutput();
+  parent_send(Report("outputs", {{"o0.name", std::string(parent_output_high_water, 'n')}}));
+  Feed("*COMMAND=set\n\n");
+  const auto sets = [] {
+    fd_set rd, wr;
+    FD_ZERO(&rd);
+    FD_ZERO(&wr);
+    int nfds = 0;
+    parent_add_read_fds(&rd, &nfds);
+    parent_add_write_fds(&wr, &nfds);
+    const auto bit = [](bool set) { return set ? '1' : '0'; };
+    return std::string{bit(FD_ISSET(0, &rd)), bit(FD_ISSET(1, &rd)), bit(FD_ISSET(2, &rd)), ' ',
+                       bit(FD_ISSET(1, &wr)), ' '} + std::to_string(nfds);
+  };
+  EXPECT_TRUE(parent_input_held());
+  EXPECT_EQ("011 1 3", sets());
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(nullptr, parent_next());
+  EXPECT_EQ(14, Unread());
+  std::string got;
+  while (parent_input_held()) {
+    got += Drain();
+    ASSERT_EQ(0, parent_pump());
+  }
+  EXPECT_EQ("111 0 3", sets());
+  Pump(13);
+  EXPECT_EQ("*COMMAND=set\n\n", Text(parent_next()));
 }
 
 }  // namespace
