@@ -1,5 +1,6 @@
 #include "service/route_queue.h"
 
+#include <algorithm>
 #include <deque>
 #include <string>
 #include <vector>
@@ -73,15 +74,25 @@ void send_take_input(const route_change& c) {
       request_reply(response, "TI", {hex_parameter(dest), hex_parameter(src)}, q.queue_timeout_at));
 }
 
+// Puts c at the back of queue in place of any change for the same output: a
+// flush keeps only the newest change per output anyway, so each queue holds
+// at most one per output however many the parent adds.
+void put_newest(std::deque<route_change>& queue, const route_change& c) {
+  const auto same_output = [&c](const route_change& old) { return old.output == c.output; };
+  const auto old = std::find_if(queue.begin(), queue.end(), same_output);
+  if (old != queue.end()) queue.erase(old);
+  queue.push_back(c);
+}
+
 }  // namespace
 
-void add_route_change(const route_change& change) { q.queued.push_back(change); }
+void add_route_change(const route_change& change) { put_newest(q.queued, change); }
 
 void discard_route_changes() { q.queued.clear(); }
 
 void flush_route_changes() {
   while (!q.queued.empty()) {
-    q.send_queue.push_back(q.queued.front());
+    put_newest(q.send_queue, q.queued.front());
     q.queued.pop_front();
   }
   send_route_changes();

@@ -329,6 +329,21 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   EXPECT_EQ(strings{}, SentSince(before));
 }
 
+// However many changes the parent adds or flushes, each queue holds the
+// newest per output only: what a flush would send anyway.
+TEST_F(CommandServiceTest, QueuesKeepTheNewestChangePerOutput) {
+  for (int i = 0; i < 1000; ++i) add_route_change({i, i % 3});
+  std::string queued;
+  for (const route_change& r : queued_route_changes()) {
+    queued += std::to_string(r.input) + ">" + std::to_string(r.output) + " ";
+  }
+  EXPECT_EQ("997>1 998>2 999>0 ", queued);
+  flush_route_changes();  // the link is down: they wait in the send queue
+  add_route_change({5, 1});
+  LinkUp(false);
+  EXPECT_EQ((strings{"TI 1 3E8", "TI 2 6", "TI 3 3E7"}), Flush({}));
+}
+
 // Timers implausibly far ahead are cleared with a warning; nearer ones stay.
 TEST_F(CommandServiceTest, TimersTooFarAheadAreCleared) {
   struct Case {
