@@ -53,6 +53,9 @@ void run_steps() {
   report_if_needed(process_flag::info_report_needed, send_info_report);
   report_if_needed(process_flag::inputs_report_needed, send_inputs_report);
   report_if_needed(process_flag::outputs_report_needed, send_outputs_report);
+  // "report outputs" requests read inside a wait share one loop run here,
+  // at the top, where it holds up no other wait.
+  answer_deferred_status_requests();
 }
 
 // Waits for input from the switcher or the parent, or, while output to the

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "base/clock.h"
 #include "base/config.h"
@@ -21,6 +23,11 @@ namespace {
 
 // The whole output status loop runs under one deadline this far ahead.
 constexpr us_time_t output_status_timeout_us = 5'000'000;
+
+// Waits serving the parent right now, one inside the other's dispatch.
+int nested_waits = 0;
+// The ids of "report outputs" requests read inside a wait, oldest first.
+std::vector<std::string> deferred_ids;
 
 parent_message make_reply(const std::string& command, const std::string& id) {
   parent_message reply;
@@ -84,16 +91,40 @@ void run_output_status_loop() {
   for (std::uint64_t p = 0; p < active_outputs(); ++p) query_output_route(p, deadline);
 }
 
+bool output_status_loop_possible() {
+  return connection_ready() && !flag_is_set(process_flag::sync_needed);
+}
+
+// Answers the "report outputs" requests in ids, oldest first, after one
+// output status loop when the link allows one. Requests read during that
+// loop wait for the next.
+void answer_status_requests(const std::vector<std::string>& ids) {
+  if (output_status_loop_possible()) run_output_status_loop();
+  for (const std::string& id : ids) parent_send(make_reply("", id));
+}
+
+// The id is a copy: the loop below serves the parent, which clears the
+// request it came from.
+void handle_outputs_report_request(std::string id) {
+  if (nested_waits > 0 && output_status_loop_possible()) {
+    // A loop inside a wait would hold the wait, and the main loop with it,
+    // for as long as it runs, and every such request would nest another.
+    deferred_ids.push_back(std::move(id));
+    return;
+  }
+  // At the top, requests that waited share this loop; with no loop
+  // possible they are all answered at once, still in order.
+  std::vector<std::string> ids = std::exchange(deferred_ids, {});
+  ids.push_back(std::move(id));
+  answer_status_requests(ids);
+}
+
 void handle_report_request(const parent_message& request) {
   const std::string& what = parent_field(request, "what");
   if (what == "inputs") {
     parent_send(make_reply("", request.id));
   } else if (what == "outputs") {
-    const parent_message reply = make_reply("", request.id);
-    if (connection_ready() && !flag_is_set(process_flag::sync_needed)) {
-      run_output_status_loop();
-    }
-    parent_send(reply);
+    handle_outputs_report_request(request.id);
   } else {
     parent_message reply = make_reply("report", request.id);
     reply.error = "I do not recognize what you are asking for";
@@ -125,4 +156,27 @@ void handle_parent_message(const parent_message& request) {
 void poll_parent_message() {
   static_cast<void>(parent_pump());
   if (const parent_message* request = parent_next()) handle_parent_message(*request);
+}
+
+void serve_parent_during_wait() {
+  if (nested_waits >= max_nested_waits) {
+    static_cast<void>(parent_write_pending());
+    return;
+  }
+  ++nested_waits;
+  poll_parent_message();
+  --nested_waits;
+}
+
+void answer_deferred_status_requests() {
+  if (deferred_ids.empty()) return;
+  answer_status_requests(std::exchange(deferred_ids, {}));
+}
+
+std::size_t deferred_status_requests() { return deferred_ids.size(); }
+int nested_wait_depth() { return nested_waits; }
+
+void reset_dispatcher() {
+  nested_waits = 0;
+  deferred_ids.clear();
 }

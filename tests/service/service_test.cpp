@@ -1,6 +1,7 @@
 // The command service against a switcher on a loopback socket and a parent on
 // pipes: the route queue's "TI" batches and the dispatcher's requests, some
 // of them arriving while another request waits on the switcher.
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -342,6 +343,106 @@ TEST_F(CommandServiceTest, QueuesKeepTheNewestChangePerOutput) {
   add_route_change({5, 1});
   LinkUp(false);
   EXPECT_EQ((strings{"TI 1 3E8", "TI 2 6", "TI 3 3E7"}), Flush({}));
+}
+
+// "report outputs" read while another request waits on the switcher starts no
+// loop inside that wait: the main loop's step runs one loop for every such
+// request waiting, then answers them oldest first. One read at the top shares
+// that loop; with no loop possible, all are answered at once, still in order.
+TEST_F(CommandServiceTest, StatusRequestsReadInAWaitShareOneLoopAtTheTop) {
+  const auto report = [](int id) {
+    return "*COMMAND=report\n*TYPE=command\n*ID=" + std::to_string(id) + "\nwhat=outputs\n\n";
+  };
+  const auto replies = [](std::vector<int> ids) {
+    std::string text;
+    for (int id : ids) text += "*TYPE=reply\n*ID=" + std::to_string(id) + "\n\n";
+    return text;
+  };
+  const strings loop{"QI 1 0", "QI 2 0"};
+  load_tables("1", "2");
+  set_parent_poll_handler(+[] { switcher_step(); serve_parent_during_wait(); });
+  sw.hold_fd = parent_.in[0];  // the switcher answers once the nested requests are read
+  const std::string flush = "*COMMAND=route output\n*TYPE=command\n*ID=70\nqueue=flush\n\n";
+  const auto nested_reports = [&] {
+    LinkUp(false);
+    add_route_change({1, 1});
+    set_flush_allow_for_test(0);
+    const std::size_t before = sw.heard.size();
+    EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=70\n\n",
+              Request(flush + report(81) + report(82)));
+    EXPECT_EQ(strings{"TI 2 2"}, SentSince(before));
+    EXPECT_EQ(2u, deferred_status_requests());
+  };
+
+  nested_reports();
+  std::size_t before = sw.heard.size();
+  answer_deferred_status_requests();
+  EXPECT_EQ(loop, SentSince(before));
+  EXPECT_EQ(replies({81, 82}), Request(""));
+
+  nested_reports();
+  before = sw.heard.size();
+  EXPECT_EQ(replies({81, 82, 83}), Request(report(83)));
+  EXPECT_EQ(loop, SentSince(before));
+
+  nested_reports();
+  (void)stderr_of(connection_close);
+  EXPECT_EQ(replies({81, 82, 84}), Request(report(84)));
+  nested_reports();
+  (void)stderr_of(connection_close);
+  answer_deferred_status_requests();
+  EXPECT_EQ(replies({81, 82}), Request(""));
+  EXPECT_EQ(0u, deferred_status_requests());
+}
+
+// Flushes read in every wait cycle nest a batch each, down to the limit;
+// there the waits read nothing, and every request is still answered once
+// and every change sent once as the nesting unwinds. The switcher answers
+// one frame at a time, at the limit or once the input is all read: an
+// answer waiting when a nested exchange starts would be drained as stale.
+TEST_F(CommandServiceTest, NestingStopsAtTheLimitAndNothingIsLost) {
+  static int deepest = 0;
+  static int input_fd = -1;
+  deepest = 0;
+  input_fd = parent_.in[0];
+  LinkUp(false);
+  sw.one_frame_per_step = true;
+  set_parent_poll_handler(+[] {
+    deepest = std::max(deepest, nested_wait_depth());
+    set_flush_allow_for_test(0);  // so every flush read starts a batch at once
+    for (int i = 0; i < 512; ++i) serve_parent_during_wait();
+    int unread = 0;
+    ioctl(input_fd, FIONREAD, &unread);
+    if (nested_wait_depth() == max_nested_waits || unread == 0) switcher_step();
+  });
+  std::string text;
+  strings ids;
+  strings sent;
+  for (int o = 0; o < 10; ++o) {
+    const std::string n = std::to_string(o);
+    text += "*COMMAND=route output\n*TYPE=command\n*ID=a" + n + "\nfrom input=1\nqueue=add\n"
+            "to output=" + n + "\n\n*COMMAND=route output\n*TYPE=command\n*ID=f" + n +
+            "\nqueue=flush\n\n";
+    ids.insert(ids.end(), {"a" + n, "f" + n});
+    char take[16];
+    std::snprintf(take, sizeof take, "TI %X 2", o + 1);
+    sent.push_back(take);
+  }
+  const std::string log = stderr_of([&] {
+    EXPECT_EQ(static_cast<ssize_t>(text.size()), write(parent_.in[1], text.data(), text.size()));
+    for (std::size_t i = 0; i < text.size(); ++i) poll_parent_message();
+  });
+  EXPECT_EQ(max_nested_waits, deepest);
+  EXPECT_EQ(std::string::npos, log.find("<ERR>")) << log;
+  const std::string replies = parent_pipes_output(parent_);
+  strings replied;
+  for (std::size_t at = 0; (at = replies.find("*ID=", at)) != std::string::npos; at += 4) {
+    replied.push_back(replies.substr(at + 4, replies.find('\n', at) - at - 4));
+  }
+  strings heard = SentSince(0);
+  for (strings* list : {&ids, &sent, &replied, &heard}) std::sort(list->begin(), list->end());
+  EXPECT_EQ(ids, replied);
+  EXPECT_EQ(sent, heard);
 }
 
 // Timers implausibly far ahead are cleared with a warning; nearer ones stay.

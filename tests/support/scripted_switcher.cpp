@@ -16,6 +16,7 @@
 #include "router/exchange.h"
 #include "router/protocol.h"
 #include "router/receive.h"
+#include "service/dispatcher.h"
 #include "service/route_queue.h"
 #include "sync/polling.h"
 
@@ -26,6 +27,7 @@ void switcher_reset() {
   reset_process_flags();
   reset_router_tables();
   reset_route_queues();
+  reset_dispatcher();
   (void)stderr_of(connection_reset_for_test);
   receive_reset_for_test();
   set_next_status_poll(0);
@@ -84,6 +86,7 @@ void switcher_step() {
     }
     if (text == sw.close_after) sw.close_now = true;
     if (text == sw.hang_up_after) close_fd(sw.fd);
+    if (sw.one_frame_per_step) break;
   }
 }
 

@@ -34,6 +34,7 @@ struct scripted_switcher {
   std::string hang_up_after;  // answered; then the switcher hangs up
   bool close_now = false;
   int hold_fd = -1;  // frames wait unread while this descriptor has bytes to read
+  bool one_frame_per_step = false;  // answer the oldest unanswered frame only
 };
 extern scripted_switcher sw;
 
