@@ -3,6 +3,7 @@
 // through status polling, and batches nested by a slow switcher (a flush
 // served while the backend waits on the switcher).
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 #include "blackbox/system_fixture.h"
@@ -124,6 +125,46 @@ TEST_F(SystemTest, NewestRouteChangeIsTheLastTheSwitcherReceives) {
 
   child_close_input(backend_.child);
   EXPECT_EQ(0, wait_exit(backend_));
+}
+
+// The main loop wakes every 50 ms while flushed changes wait for their pacing
+// time, and at least every 250 ms otherwise: a change flushed too soon goes
+// out soon after its time, and status polls keep their 350 ms interval plus
+// at most one wait. The bounds leave a busy machine a hundred milliseconds
+// and more; loops waking a second late miss them every time.
+TEST_F(SystemTest, MainLoopWakesForPacedChangesAndStatusPolls) {
+  using steady = std::chrono::steady_clock;
+  const auto ms_since = [](steady::time_point t) {
+    return std::chrono::duration<double, std::milli>(steady::now() - t).count();
+  };
+  StartEmulator({"--outputs", "8", "--inputs", "8"});
+  StartBackend();
+  ASSERT_NE("", WaitRecord("o7.name=OUT 8"));
+  // A status request that ends in a "QD" finding nothing schedules the next
+  // 350 ms later, so none runs while the change below waits for its time:
+  // one that did would end its pass with the long wait.
+  ASSERT_NE("", wait_for_stderr(emu_, "recv QD"));
+  // Two commands hold the next batch back until 132 ms after this one's
+  // start, and the second flush comes before that.
+  Send(RouteOutput(1, "from input=1\nqueue=add\nto output=0\n") +
+       RouteOutput(2, "from input=1\nqueue=add\nto output=1\n") + RouteOutput(3, "queue=flush\n") +
+       RouteOutput(4, "from input=2\nqueue=add\nto output=7\n") + RouteOutput(5, "queue=flush\n"));
+  ASSERT_NE("", wait_for_stderr(emu_, "recv TI 1 2"));
+  const steady::time_point first = steady::now();
+  EXPECT_NE("", wait_for_stderr(backend_, "<DBG>Route changes too soon, will flush later"));
+  ASSERT_NE("", wait_for_stderr(emu_, "recv TI 8 3"));
+  const double delayed = ms_since(first);
+  EXPECT_GT(delayed, 100);
+  EXPECT_LT(delayed, 132 + 200);
+
+  double longest = 0;
+  ASSERT_NE("", wait_for_stderr(emu_, "recv BK F"));
+  for (int poll = 0; poll < 10; ++poll) {
+    const steady::time_point last = steady::now();
+    ASSERT_NE("", wait_for_stderr(emu_, "recv BK F", 5000));
+    longest = std::max(longest, ms_since(last));
+  }
+  EXPECT_LT(longest, 1000);
 }
 
 }  // namespace
