@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 
 namespace {
 
@@ -175,7 +176,7 @@ bool child_pump_watching(int timeout_ms, int fd) {
   if (fd >= 0) fds.push_back({fd, POLLIN, 0});
   for (const child_process* c : running) {
     if (c->in_fd >= 0 && !c->to_write.empty()) fds.push_back({c->in_fd, POLLOUT, 0});
-    if (c->out_fd >= 0) fds.push_back({c->out_fd, POLLIN, 0});
+    if (c->out_fd >= 0 && !c->out_paused) fds.push_back({c->out_fd, POLLIN, 0});
     if (c->err_fd >= 0) fds.push_back({c->err_fd, POLLIN, 0});
   }
   // poll sees a child end when its pipes close; one whose pipes are closed
@@ -186,7 +187,7 @@ bool child_pump_watching(int timeout_ms, int fd) {
   if (poll(fds.data(), fds.size(), timeout_ms) > 0) {
     for (child_process* c : running) {
       write_pipe(*c);
-      read_pipe(c->out_fd, c->out_buf);
+      if (!c->out_paused) read_pipe(c->out_fd, c->out_buf);
       read_pipe(c->err_fd, c->err_buf);
     }
   }
@@ -249,6 +250,23 @@ std::string child_describe_end(const child_process& c) {
     return "killed by signal " + std::to_string(sig) + " (" + strsignal(sig) + ")";
   }
   return "ended, wait status " + std::to_string(c.wait_status);
+}
+
+long child_cpu_ms(const child_process& c) {
+  std::ifstream in("/proc/" + std::to_string(c.pid) + "/stat");
+  std::string stat;
+  std::getline(in, stat);
+  // The command name in brackets may hold blanks; the fields after it do not.
+  const std::size_t name_end = stat.rfind(')');
+  if (name_end == std::string::npos) return -1;
+  std::istringstream fields(stat.substr(name_end + 2));
+  std::string field;
+  long ticks = 0;
+  // utime and stime are the 14th and 15th fields, the 12th and 13th after the name.
+  for (int i = 1; i <= 13 && fields >> field; ++i) {
+    if (i >= 12) ticks += std::atol(field.c_str());
+  }
+  return fields ? ticks * 1000 / sysconf(_SC_CLK_TCK) : -1;
 }
 
 long child_status_kib(const child_process& c, const char* field) {

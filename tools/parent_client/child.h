@@ -23,6 +23,7 @@ struct child_process {
   bool reaped = false;        // ended and waited for; wait_status is valid
   int wait_status = 0;
   int end_of_input_ms = 5000;  // how long child_stop waits after closing its input
+  bool out_paused = false;     // its standard output is left unread, as by a parent that stalls
 
   child_process() = default;
   child_process(const child_process&) = delete;
@@ -77,3 +78,7 @@ void child_stop(child_process& c);
 // A "kB" field of /proc/<pid>/status (for example "VmRSS"), or -1 when it
 // cannot be read.
 [[nodiscard]] long child_status_kib(const child_process& c, const char* field);
+
+// The CPU time the child has used so far, user and system, in milliseconds;
+// -1 when it cannot be read.
+[[nodiscard]] long child_cpu_ms(const child_process& c);
