@@ -34,6 +34,7 @@ struct soak_run {
   std::FILE* backend_log = nullptr;   // every backend diagnostic line, when asked for
   std::FILE* emulator_log = nullptr;  // the emulator's verbose log, when asked for
   std::string failure;                // the first thing found wrong
+  std::uint64_t stalls = 0;           // stretches in which the parent read nothing
   bool backend_may_end = false;       // set once the soak closes its input
   std::deque<std::string> controls;   // sent to the emulator, not yet answered
   std::string route_lines;            // "route" lines of the answer being read

@@ -167,6 +167,22 @@ std::string script_next_request(soak_parent& p, const soak_layout& layout, us_ti
   return text;
 }
 
+std::string script_report_flood(soak_parent& p, std::uint64_t n, us_time_t now) {
+  ++p.floods;
+  std::string text;
+  for (std::uint64_t i = 0; i < n; ++i) {
+    parent_message m;
+    m.type = "command";
+    m.command = "report";
+    m.id = std::to_string(p.next_id++);
+    m.fields["what"] = "outputs";
+    p.pending[m.id] = {"", now, ""};
+    ++p.sent["report outputs"];
+    parent_message_serialise(m, text);
+  }
+  return text;
+}
+
 void script_take_record(soak_parent& p, const soak_layout& layout, const parent_message& record,
                         us_time_t now) {
   if (record.type == "reply") {

@@ -40,6 +40,7 @@ struct soak_parent {
   std::uint64_t full_reports = 0;   // routing reports that listed every output
   std::uint64_t info_reports = 0;
   std::uint64_t junk = 0;           // malformed records and stray bytes sent
+  std::uint64_t floods = 0;         // bursts of "report outputs" requests sent
   std::string failure;              // the first thing found wrong; empty while all is well
 };
 
@@ -51,6 +52,10 @@ struct soak_parent {
 // in CR LF. Refused records wait for their error reply like requests.
 [[nodiscard]] std::string script_next_request(soak_parent& p, const soak_layout& layout,
                                               us_time_t now);
+
+// A burst of n "report outputs" requests at once, each noted as pending, as
+// a parent that asks faster than one output status loop runs.
+[[nodiscard]] std::string script_report_flood(soak_parent& p, std::uint64_t n, us_time_t now);
 
 // Takes one record the backend wrote: a reply settles its request (a reply
 // for no pending request, or of the wrong shape, is a failure); a routing

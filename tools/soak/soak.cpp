@@ -35,6 +35,16 @@ constexpr std::size_t max_waiting_requests = 4;
 // Replies may be late: a request can arrive while the backend sits in a wait
 // of several seconds, and requests handled inside it add their own.
 constexpr us_time_t reply_limit_us = 60'000'000;
+// Now and then the parent misbehaves at length: a burst of "report outputs"
+// requests, and a stretch in which it reads none of the backend's output.
+constexpr std::uint64_t flood_gap_min_ms = 10'000;
+constexpr std::uint64_t flood_gap_spread_ms = 10'000;
+constexpr std::uint64_t flood_requests_min = 8;
+constexpr std::uint64_t flood_requests_spread = 8;
+constexpr std::uint64_t stall_gap_min_ms = 15'000;
+constexpr std::uint64_t stall_gap_spread_ms = 15'000;
+constexpr std::uint64_t stall_min_ms = 3'000;
+constexpr std::uint64_t stall_spread_ms = 7'000;
 // Memory after the run may exceed memory after the first sync by this much.
 constexpr long rss_margin_kib = 1024;
 
@@ -125,6 +135,9 @@ void chaos(soak_run& run, const soak_options& o) {
   us_time_t next_request = now0;
   us_time_t next_take = now0 + 1'000'000;
   us_time_t next_rename = now0 + 5'000'000;
+  us_time_t next_flood = now0 + draw_ms(run, flood_gap_min_ms, flood_gap_spread_ms) * 1000;
+  us_time_t next_stall = now0 + draw_ms(run, stall_gap_min_ms, stall_gap_spread_ms) * 1000;
+  us_time_t stall_end = 0;
   std::uint64_t renames = 0;
   for (us_time_t now = now0; now < end && run.failure.empty(); now = monotonic_now_us()) {
     if (now >= next_request && run.parent.pending.size() < max_waiting_requests) {
@@ -147,11 +160,26 @@ void chaos(soak_run& run, const soak_options& o) {
                            std::to_string(n) + " SOAK " + std::to_string(renames));
       next_rename = now + draw_ms(run, 8000, 8000) * 1000;
     }
+    if (now >= next_flood) {
+      const std::uint64_t n = draw_ms(run, flood_requests_min, flood_requests_spread);
+      client_send_text(run.backend, script_report_flood(run.parent, n, now));
+      next_flood = now + draw_ms(run, flood_gap_min_ms, flood_gap_spread_ms) * 1000;
+    }
+    if (stall_end == 0 && now >= next_stall) {
+      run.backend.child.out_paused = true;
+      ++run.stalls;
+      stall_end = now + draw_ms(run, stall_min_ms, stall_spread_ms) * 1000;
+    } else if (stall_end != 0 && now >= stall_end) {
+      run.backend.child.out_paused = false;
+      stall_end = 0;
+      next_stall = now + draw_ms(run, stall_gap_min_ms, stall_gap_spread_ms) * 1000;
+    }
     us_time_t waited = 0;
     const std::string id = script_oldest_pending(run.parent, now, waited);
     if (waited > reply_limit_us) run_fail(run, "no reply to request " + id + " within 60 s");
     run_pump(run, 20);
   }
+  run.backend.child.out_paused = false;
 }
 
 // True when every output the switcher has is reported with its route.
@@ -225,8 +253,11 @@ void print_summary(const soak_run& run, const soak_options& o, long rss_base, lo
     std::printf("%s%s %llu", sep, kind.c_str(), static_cast<unsigned long long>(n));
     sep = ", ";
   }
-  std::printf("), all answered; longest wait %.2f s; %llu malformed records and stray bytes\n",
-              static_cast<double>(p.longest_wait) / 1e6, static_cast<unsigned long long>(p.junk));
+  std::printf("), all answered; longest wait %.2f s; %llu malformed records and stray bytes;\n"
+              "          %llu bursts of \"report outputs\"; %llu stretches without reading\n",
+              static_cast<double>(p.longest_wait) / 1e6, static_cast<unsigned long long>(p.junk),
+              static_cast<unsigned long long>(p.floods),
+              static_cast<unsigned long long>(run.stalls));
   using ull = unsigned long long;
   std::printf("  backend: %llu connections, %llu closed, %llu timeouts, %llu watchdog drops, "
               "%llu stray bytes, %llu bad checksums, %llu status polls\n",
