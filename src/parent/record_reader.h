@@ -14,7 +14,7 @@
 // The most text one record may have: its lines with their line ends, "\r"
 // not counted, the empty line that ends it neither. Requests are a few
 // hundred bytes at most.
-constexpr std::size_t parent_record_max_bytes = 64 * 1024;
+constexpr std::size_t parent_record_max_bytes = std::size_t{64} * 1024;
 
 struct parent_record_reader {
   parent_message record;       // the record being filled, or the complete one
