@@ -9,7 +9,6 @@
 #include <map>
 #include <string>
 
-#include "parent/record_reader.h"
 #include "support/scripted_switcher.h"
 
 namespace {
@@ -116,23 +115,6 @@ TEST_F(ParentChannelTest, EndOfInputOrBrokenOutputEndsChannel) {
   parent_send(msg);
   EXPECT_EQ(-1, parent_pump());
   EXPECT_TRUE(parent_output_pending());
-}
-
-// A record over the limit is dropped with one diagnostic line, and the next
-// one reads as if alone; the input pipe is fed as the channel drains it.
-TEST_F(ParentChannelTest, OverLongRecordDroppedWithOneLine) {
-  const std::string text = "*COMMAND=a\nvalue=" + std::string(parent_record_max_bytes, 'v') +
-                           "\nmore=1\n\n*COMMAND=b\n\n";
-  testing::internal::CaptureStderr();
-  std::string got = "none";
-  for (std::size_t fed = 0, i = 0; i < 4 * text.size() && got == "none"; ++i) {
-    const ssize_t n = fed < text.size() ? write(p_.in[1], text.data() + fed, text.size() - fed) : 0;
-    fed += n > 0 ? static_cast<std::size_t>(n) : 0;
-    got = Text(parent_next());
-  }
-  EXPECT_EQ("<WARN>Dropping a parent record longer than 65536 bytes\n",
-            testing::internal::GetCapturedStderr());
-  EXPECT_EQ("*COMMAND=b\n\n", got);
 }
 
 // A report not yet begun gives way to a newer one of its kind: a names or info

@@ -350,49 +350,49 @@ TEST_F(CommandServiceTest, QueuesKeepTheNewestChangePerOutput) {
 // request waiting, then answers them oldest first. One read at the top shares
 // that loop; with no loop possible, all are answered at once, still in order.
 TEST_F(CommandServiceTest, StatusRequestsReadInAWaitShareOneLoopAtTheTop) {
-  const auto report = [](int id) {
-    return "*COMMAND=report\n*TYPE=command\n*ID=" + std::to_string(id) + "\nwhat=outputs\n\n";
+  const auto report = [](const char* id) {
+    return std::string("*COMMAND=report\n*TYPE=command\n*ID=") + id + "\nwhat=outputs\n\n";
   };
-  const auto replies = [](std::vector<int> ids) {
-    std::string text;
-    for (int id : ids) text += "*TYPE=reply\n*ID=" + std::to_string(id) + "\n\n";
-    return text;
+  struct Case {
+    const char* name;
+    bool link_down;     // the link closes after the nested requests
+    std::string top;    // read at the top; none: the main loop's step answers
+    std::string ids;    // the replies' ids, in order
   };
-  const strings loop{"QI 1 0", "QI 2 0"};
+  const Case cases[] = {
+      {"the main loop's step", false, "", "81 82 "},
+      {"a request read at the top shares the loop", false, report("83"), "81 82 83 "},
+      // Error paths follow: no loop possible, all answered at once, in order.
+      {"a request read at the top", true, report("84"), "81 82 84 "},
+      {"the main loop's step", true, "", "81 82 "},
+  };
   load_tables("1", "2");
   set_parent_poll_handler(+[] { switcher_step(); serve_parent_during_wait(); });
   sw.hold_fd = parent_.in[0];  // the switcher answers once the nested requests are read
-  const std::string flush = "*COMMAND=route output\n*TYPE=command\n*ID=70\nqueue=flush\n\n";
-  const auto nested_reports = [&] {
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
     LinkUp(false);
     add_route_change({1, 1});
     set_flush_allow_for_test(0);
-    const std::size_t before = sw.heard.size();
+    std::size_t before = sw.heard.size();
     EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=70\n\n",
-              Request(flush + report(81) + report(82)));
+              Request("*COMMAND=route output\n*TYPE=command\n*ID=70\nqueue=flush\n\n" +
+                      report("81") + report("82")));
     EXPECT_EQ(strings{"TI 2 2"}, SentSince(before));
     EXPECT_EQ(2u, deferred_status_requests());
-  };
-
-  nested_reports();
-  std::size_t before = sw.heard.size();
-  answer_deferred_status_requests();
-  EXPECT_EQ(loop, SentSince(before));
-  EXPECT_EQ(replies({81, 82}), Request(""));
-
-  nested_reports();
-  before = sw.heard.size();
-  EXPECT_EQ(replies({81, 82, 83}), Request(report(83)));
-  EXPECT_EQ(loop, SentSince(before));
-
-  nested_reports();
-  (void)stderr_of(connection_close);
-  EXPECT_EQ(replies({81, 82, 84}), Request(report(84)));
-  nested_reports();
-  (void)stderr_of(connection_close);
-  answer_deferred_status_requests();
-  EXPECT_EQ(replies({81, 82}), Request(""));
-  EXPECT_EQ(0u, deferred_status_requests());
+    if (c.link_down) (void)stderr_of(connection_close);
+    before = sw.heard.size();
+    if (c.top.empty()) answer_deferred_status_requests();
+    std::string ids;
+    const std::string out = Request(c.top);
+    for (std::size_t at = 0; (at = out.find("*ID=", at)) != std::string::npos; at += 4) {
+      ids += out.substr(at + 4, out.find('\n', at) - at - 4) + " ";
+    }
+    EXPECT_EQ(c.ids, ids);
+    const strings loop = c.link_down ? strings{} : strings{"QI 1 0", "QI 2 0"};
+    EXPECT_EQ(loop, SentSince(before));
+    EXPECT_EQ(0u, deferred_status_requests());
+  }
 }
 
 // Flushes read in every wait cycle nest a batch each, down to the limit;
