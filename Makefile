@@ -1,18 +1,26 @@
-# Thin wrapper over CMake presets; see README.md.
-.PHONY: all build test test-asan coverage coverage-prereqs lint lint-prereqs mutation demo bench bench-prereqs fuzz package clean
+# Thin wrapper over CMake presets; see README.md. Each command first runs
+# tools/setup.sh, which installs the Debian packages it needs (as root) or
+# stops at once naming them.
+.PHONY: all build test test-asan coverage lint mutation demo bench fuzz package clean
+
+SETUP = ./tools/setup.sh
 
 all: build
 
 build:
+	@$(SETUP) build
 	cmake --preset dev >/dev/null
 	cmake --build --preset dev
 
-# The one command that runs every test: configure, build, run.
-test: build
+# The one command that runs every test: configure, build, run. The install
+# test unpacks the Debian package, so the package is built (and checked) first.
+test: package build
 	ctest --preset dev
 
-# The same suite under AddressSanitizer and UndefinedBehaviorSanitizer.
-test-asan:
+# The same suite under AddressSanitizer and UndefinedBehaviorSanitizer. This
+# build leaves the line-editing library out (CMakePresets.json), so the
+# console's plain-lines build is built and tested under -Werror too.
+test-asan: package
 	cmake --preset asan >/dev/null
 	cmake --build --preset asan
 	ctest --preset asan
@@ -24,7 +32,8 @@ test-asan:
 # black-box tests add theirs. Fails below 98 % of lines or 90 % of branches.
 COVERAGE_LINES ?= 98
 COVERAGE_BRANCHES ?= 90
-coverage: coverage-prereqs
+coverage: package
+	@$(SETUP) coverage
 	cmake --preset coverage >/dev/null
 	cmake --build --preset coverage
 	find build/coverage -name '*.gcda' -delete
@@ -35,20 +44,11 @@ coverage: coverage-prereqs
 	  --html-details build/coverage/html/index.html --print-summary \
 	  --fail-under-line $(COVERAGE_LINES) --fail-under-branch $(COVERAGE_BRANCHES) build/coverage
 
-coverage-prereqs:
-	@command -v gcovr >/dev/null || ./.ci/install gcovr
-
 # Static analysis: clang-tidy (the checks in .clang-tidy) and cppcheck over
 # src/, tools/ and fuzz/; fails on any finding.
-lint: lint-prereqs
+lint:
+	@$(SETUP) lint
 	./tools/lint.sh
-
-# clang itself too: the fuzz targets' compilation database needs it to configure.
-lint-prereqs:
-	@need=""; \
-	for tool in clang-tidy cppcheck; do command -v $$tool >/dev/null || need="$$need $$tool"; done; \
-	command -v clang++ >/dev/null || need="$$need clang"; \
-	[ -z "$$need" ] || ./.ci/install $$need
 
 # A sampled mutation run: MUTANTS single changes to src/ (a comparison, a
 # logical or arithmetic operator, a constant), each built and tested in a copy
@@ -63,19 +63,19 @@ mutation:
 # replay the kept regression inputs, then fuzz each target for FUZZ_SECONDS.
 FUZZ_SECONDS ?= 60
 fuzz:
+	@$(SETUP) fuzz
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz
 	./fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
 # The Debian package, built from the release preset (stripped, no tests):
 # build/release/zeph-route-grass-valley_<version>_<arch>.deb, then checked by
-# lintian where it is installed: any error fails the target.
+# lintian: any error fails the target.
 package:
+	@$(SETUP) test
 	cmake --preset release >/dev/null
 	cmake --build --preset release --target package
-	@if command -v lintian >/dev/null; then \
-	  lintian --fail-on error build/release/*.deb; \
-	else echo "package: lintian is not installed, the package is not checked" >&2; fi
+	lintian --fail-on error build/release/*.deb
 
 # A console script against the bundled switcher emulator: read tools/demo.console.
 demo: build
@@ -92,22 +92,11 @@ soak: build
 # Micro-benchmarks and end-to-end runs against the switcher emulator, printed
 # as one table (bench/RESULTS.md holds a saved run). The build log is shown
 # only when the build fails.
-bench: bench-prereqs
+bench:
+	@$(SETUP) bench
 	@cmake --preset bench >/dev/null
 	@cmake --build --preset bench >build/bench-build.log 2>&1 || { cat build/bench-build.log; exit 1; }
 	@build/bench/bench/zeph_bench
-
-# Google Benchmark is needed to build; strace only for the system-call count,
-# which is skipped without it. Installed when missing and we may.
-bench-prereqs:
-	@need=""; \
-	[ -f /usr/include/benchmark/benchmark.h ] || need="$$need libbenchmark-dev"; \
-	command -v strace >/dev/null || need="$$need strace"; \
-	if [ -n "$$need" ]; then \
-	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null; then \
-	    (apt-get update -qq && apt-get install -y -qq $$need) >/dev/null || true; \
-	  else echo "bench: not installed:$$need" >&2; fi; \
-	fi
 
 clean:
 	rm -rf build

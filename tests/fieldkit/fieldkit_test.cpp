@@ -79,7 +79,7 @@ std::string UpToTake(std::string fields) {
 }
 
 TEST_F(FieldKitTest, DissectorDecodesSynchronisationAndTake) {
-  if (!Have("tshark")) GTEST_SKIP() << "tshark is not installed";
+  ASSERT_TRUE(Have("tshark")) << "tshark is not installed: tools/setup.sh test installs it";
   const std::string capture = dir_.path + "/clean.pcap";
   StartEmulator({"--outputs", "2", "--inputs", "3", "--pcap", capture});
   SyncAndRoute();
@@ -88,7 +88,7 @@ TEST_F(FieldKitTest, DissectorDecodesSynchronisationAndTake) {
 }
 
 TEST_F(FieldKitTest, DissectorReassemblesAndMarksFaults) {
-  if (!Have("tshark")) GTEST_SKIP() << "tshark is not installed";
+  ASSERT_TRUE(Have("tshark")) << "tshark is not installed: tools/setup.sh test installs it";
   const std::string capture = dir_.path + "/faults.pcap";
   StartEmulator({"--inputs", "3", "--garbage", "3", "--corrupt-random", "3", "--split-writes",
                  "--pcap", capture});
@@ -117,9 +117,7 @@ TEST_F(FieldKitTest, DissectorReassemblesAndMarksFaults) {
 }
 
 TEST_F(FieldKitTest, InstalledPackageSynchronisesAndRoutes) {
-  if (!Have("dpkg-deb") || access(PACKAGE_DEB, R_OK) != 0) {
-    GTEST_SKIP() << "needs dpkg-deb and " PACKAGE_DEB " (make package)";
-  }
+  ASSERT_EQ(0, access(PACKAGE_DEB, R_OK)) << PACKAGE_DEB " is missing: make package builds it";
   const std::string root = dir_.path + "/root";
   ASSERT_EQ("", Run("dpkg-deb -x " PACKAGE_DEB " " + root + " 2>&1"));
   emulator_path_ = root + "/usr/bin/switcher_emulator";

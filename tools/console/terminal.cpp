@@ -13,12 +13,13 @@
 namespace {
 
 bool interactive = false;
-bool editing = false;           // the line-editing library owns the input line
 std::string pending;            // plain input after the last "\n"
-std::vector<std::string>* completed = nullptr;  // where the editor's callback puts a line
 bool ended = false;
 
 #ifdef ZEPH_LINE_EDITING
+bool editing = false;           // the line-editing library owns the input line
+std::vector<std::string>* completed = nullptr;  // where the editor's callback puts a line
+
 // Called by the library with each line typed, or nullptr at end of input.
 // The library has left its character mode by then and would read the next
 // line whole, blocking; terminal_prompt installs the handler again, which
