@@ -68,10 +68,19 @@ done
 [ ${#need[@]} -eq 0 ] && [ ${#optional[@]} -eq 0 ] && exit 0
 
 if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null; then
-  echo "setup: installing ${need[*]} ${optional[*]}" >&2
+  all=("${need[@]}" "${optional[@]}")
+  echo "setup: installing ${all[*]}" >&2
   printf 'setup:   %s\n' "${why[@]}" >&2
-  apt-get update -qq >/dev/null
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${need[@]}" "${optional[@]}" >/dev/null
+  # apt's own words only when it fails.
+  log=$(mktemp)
+  if ! { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${all[@]}"; } \
+       >"$log" 2>&1; then
+    cat "$log" >&2
+    rm -f "$log"
+    echo "setup: apt-get could not install ${all[*]}" >&2
+    exit 1
+  fi
+  rm -f "$log"
   exit 0
 fi
 [ ${#optional[@]} -eq 0 ] || echo "setup: optional, not installed: ${optional[*]}" >&2
