@@ -2,6 +2,8 @@
 // emulator: takes by number and by name, the routes table after a take and
 // after a rename on the switcher, refused lines, error replies, and the
 // backend ending under it.
+#include <algorithm>
+
 #include "blackbox/system_fixture.h"
 
 namespace {
@@ -96,13 +98,47 @@ TEST_F(ConsoleTest, RefusesBadLinesWithOneErrorEachAndShowsErrorReplies) {
   EXPECT_EQ(1, End());
 }
 
-TEST_F(ConsoleTest, BackendThatEndsIsReportedWithItsStatus) {
+// A script may start before the synchronisation: positions and names wait
+// for the reports that give them. Routes come in the outputs' order, and
+// "wait routes" waits until the switcher confirms every take sent.
+TEST_F(ConsoleTest, ScriptTakesBeforeSynchronisationAndWaitsForItsTakes) {
+  // Output 1 is named with quotes, output 2 as output 0 is.
+  StartEmulator({"--outputs", "12", "--inputs", "12", "--output-names",
+                 dir_.write("names", "\nSay \"Hi\"\nOUT 1\n")});
+  StartConsole();
+  Type("take 4 9\ntake 10 1\nwait routes\nshow routes\n");
+  const std::string lines = Until("ok: flush (id 4)");
+  ASSERT_NE("", lines);
+  EXPECT_NE(std::string::npos, lines.find("ok: add o4 OUT 5 <- i9 CAM 10 (id 1)\n"));
+  EXPECT_LT(lines.find("o9 OUT 10 <- i9 CAM 10\n"), lines.find("o10 OUT 11 <- i10 CAM 11\n"));
+  EXPECT_LT(lines.find("o0 OUT 1 <- i0 CAM 1\n"), lines.find("o1 Say \"Hi\" <- i1 CAM 2\n"));
+  const std::string table = Until("  11  OUT 12");
+  // The rows of outputs 4 and 10, the blanks that align the names set aside.
+  const auto row = [&table](const std::string& start) {
+    const std::size_t at = table.find(start);
+    if (at == std::string::npos) return std::string("none");
+    std::string line = table.substr(at, table.find('\n', at) - at);
+    line.erase(std::unique(line.begin(), line.end(), [](char a, char b) { return a == ' ' && b == ' '; }),
+               line.end());
+    return line;
+  };
+  EXPECT_EQ(" 4 OUT 5 9 CAM 10", row("   4  ")) << table;
+  EXPECT_EQ(" 10 OUT 11 1 CAM 2", row("  10  ")) << table;
+
+  // A name two outputs carry is refused; a backslash keeps a quote.
+  Type("add \"OUT 1\" 0\ntake \"Say \\\"Hi\\\"\" 3\n");
+  EXPECT_NE("", Until("error: outputs 0 and 2 are both named \"OUT 1\": give the position"));
+  EXPECT_NE("", Until("ok: add o1 Say \"Hi\" <- i3 CAM 4 (id 5)"));
+  EXPECT_EQ(1, End());
+}
+
+TEST_F(ConsoleTest, BackendThatCannotStartEndsTheConsoleWithTwo) {
   // Without a configuration file the backend stops at start-up.
   ASSERT_TRUE(child_start(console_, CONSOLE_PATH,
                           {"zeph_route_console", "--backend", DAEMON_PATH, "--file",
                            dir_.path + "/missing.cfg"}));
-  EXPECT_NE("", Until("error: the backend ended by itself: exit status 1"));
-  EXPECT_EQ(1, child_wait_exit(console_, wait_ms));
+  EXPECT_NE("", Until("error: the backend could not start: exit status 1"));
+  EXPECT_EQ(2, child_wait_exit(console_, wait_ms));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <vector>
 
 #include "console/session.h"
@@ -14,6 +15,12 @@ namespace {
 using word_list = std::vector<console_word>;
 
 constexpr int wait_ms = 30000;
+constexpr int routing_report_ms = 2000;  // after a "report outputs" reply
+
+// Route changes added and not flushed or discarded, and flushed ones that no
+// "wait routes" has seen confirmed yet: output -> input.
+std::map<long, long> added;
+std::map<long, long> flushed;
 
 struct command {
   const char* name;
@@ -29,44 +36,60 @@ void print_lines(const std::vector<std::string>& lines) {
   for (const std::string& l : lines) terminal_print(l);
 }
 
-// Resolves OUT and IN; false, with the error shown, when either names nothing.
-bool route_words(const word_list& w, long& output, long& input) {
-  std::string error;
-  if ((output = words_position(console_tables(), true, w[0], error)) < 0 ||
-      (input = words_position(console_tables(), false, w[1], error)) < 0) {
-    console_error(error);
+// The position an OUT (output: true) or IN word names. Until the backend has
+// reported the names, counts and names are not the switcher's yet: it waits
+// for them first. False, with the error shown, when the word names nothing.
+bool resolve(bool output, const console_word& word, long& position) {
+  const report_tables& t = console_tables();
+  if (!console_wait_names(output) && console_backend_ended()) {
     return false;
   }
+  std::string error;
+  position = words_position(t, output, word, error);
+  if (position < 0) console_error(error);
+  return position >= 0;
+}
+
+bool add(const word_list& w) {
+  long output = -1;
+  long input = -1;
+  if (!resolve(true, w[0], output) || !resolve(false, w[1], input)) return false;
+  if (!console_request(client_route_request("add", input, output),
+                       "add " + view_route(console_tables(), output, input))) {
+    return false;
+  }
+  added[output] = input;
   return true;
 }
 
-bool add(long output, long input) {
-  return console_request(client_route_request("add", input, output),
-                         "add " + view_route(console_tables(), output, input));
+bool flush() {
+  if (!console_request(client_route_request("flush"), "flush")) return false;
+  for (const auto& [output, input] : added) flushed[output] = input;  // the newer wins
+  added.clear();
+  return true;
 }
 
 void run_take(const word_list& w, const std::string&) {
-  long output = -1, input = -1;
-  if (route_words(w, output, input) && add(output, input)) {
-    (void)console_request(client_route_request("flush"), "flush");
-  }
+  if (add(w)) (void)flush();
 }
 
-void run_add(const word_list& w, const std::string&) {
-  long output = -1, input = -1;
-  if (route_words(w, output, input)) (void)add(output, input);
-}
-
-void run_queue(const char* queue) {
-  (void)console_request(client_route_request(queue), queue);
-}
+void run_add(const word_list& w, const std::string&) { (void)add(w); }
 
 void run_report(const word_list& w, const std::string&) {
-  if (w[0].text != "outputs" && w[0].text != "inputs") {
+  const std::string& what = w[0].text;
+  if (what != "outputs" && what != "inputs") {
     console_error("report what? outputs or inputs");
     return;
   }
-  (void)console_request(client_report_request(w[0].text), "report " + w[0].text);
+  if (!console_request(client_report_request(what), "report " + what)) return;
+  const report_tables& t = console_tables();
+  if (what == "inputs") {
+    // The backend answers and sends nothing more: the table is the last one.
+    terminal_print("inputs: no report follows; the latest has " + std::to_string(t.inputs.size()) +
+                   " names (show inputs)");
+  } else if (!console_wait_report("routes", routing_report_ms) && !console_backend_ended()) {
+    terminal_print("routes: no routing report followed: the switcher is not connected");
+  }
 }
 
 void run_set(const word_list& w, const std::string&) {
@@ -108,17 +131,26 @@ void run_log(const word_list& w, const std::string&) {
   console_error("log level must be err, warn, note or dbg");
 }
 
+// A wait cut short by the backend's end says nothing more: the end is shown.
 void run_wait(const word_list& w, const std::string&) {
   if (w.empty()) {
-    if (!console_wait_tables(wait_ms)) {
+    if (!console_wait_tables(wait_ms) && !console_backend_ended()) {
       console_error("the backend did not report names and routes within 30 s");
     }
     return;
   }
   const std::string& what = w[0].text;
-  if (what != "info" && what != "inputs" && what != "outputs" && what != "routes") {
+  if (what == "routes") {
+    // The takes flushed since the last wait, confirmed; or else any change.
+    const bool confirmed = console_wait_routes(flushed, wait_ms);
+    if (!confirmed && !console_backend_ended()) {
+      console_error(flushed.empty() ? "no route changed within 30 s"
+                                    : "the switcher did not confirm the takes within 30 s");
+    }
+    flushed.clear();
+  } else if (what != "info" && what != "inputs" && what != "outputs") {
     console_error("wait for what? info, inputs, outputs or routes, or nothing");
-  } else if (!console_wait_report(what, wait_ms)) {
+  } else if (!console_wait_report(what, wait_ms) && !console_backend_ended()) {
     console_error("no " + what + " report within 30 s");
   }
 }
@@ -139,9 +171,11 @@ const command commands[] = {
     {"take", "OUT IN", "add a route change and flush it", "take 2 5", 2, 2, run_take},
     {"add", "OUT IN", "queue a route change", "add \"OUT 3\" \"CAM 6\"", 2, 2, run_add},
     {"flush", "", "send the queued changes", "flush", 0, 0,
-     [](const word_list&, const std::string&) { run_queue("flush"); }},
+     [](const word_list&, const std::string&) { (void)flush(); }},
     {"discard", "", "drop the queued changes", "discard", 0, 0,
-     [](const word_list&, const std::string&) { run_queue("discard"); }},
+     [](const word_list&, const std::string&) {
+       if (console_request(client_route_request("discard"), "discard")) added.clear();
+     }},
     {"report", "outputs|inputs", "ask for a report", "report outputs", 1, 1, run_report},
     {"set", "KEY VALUE", "apply a configuration key", "set outputs 4", 2, 2, run_set},
     {"show", "routes|inputs|outputs|info", "the latest reports as a table", "show routes", 1, 1,
@@ -150,8 +184,9 @@ const command commands[] = {
      run_log},
     {"raw", "", "send the record typed next, up to an empty line", "raw", 0, 0,
      [](const word_list&, const std::string&) { console_start_raw(); }},
-    {"wait", "[info|inputs|outputs|routes]", "for names and routes, or the next such report",
-     "wait routes", 0, 1, run_wait},
+    {"wait", "[info|inputs|outputs|routes]",
+     "for names and routes, the next such report, or (routes) the takes confirmed", "wait routes",
+     0, 1, run_wait},
     {"sleep", "SECONDS", "pause, showing what arrives", "sleep 1.5", 1, 1, run_sleep},
     {"emulator", "CONTROL", "a control for the emulator of --emulator",
      "emulator rename output 1 Studio A", 1, 99, [](const word_list&, const std::string& rest) {
@@ -170,7 +205,8 @@ void run_help(const word_list&, const std::string&) {
     terminal_print(line);
   }
   terminal_print("OUT and IN are zero-based positions, or names from the latest reports");
-  terminal_print("(in double quotes when they hold blanks).");
+  terminal_print("(in double quotes when they hold blanks; a backslash keeps the next");
+  terminal_print("character as it is: \"Studio \\\"A\\\"\").");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "console/commands.h"
 #include "console/session.h"
 #include "console/terminal.h"
 
@@ -24,6 +25,15 @@ constexpr const char* usage_text =
     "Commands come one a line from standard input; \"help\" lists them. Exit\n"
     "status 0, 1 when a command failed or the backend ended by itself, 2 when\n"
     "nothing could start.\n";
+
+bool wants_help(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a == "--emulator") return false;  // the rest is the emulator's
+    if (a == "-h" || a == "--help") return true;
+  }
+  return false;
+}
 
 // The directory of this program, for the programs installed or built beside it.
 std::string own_directory() {
@@ -71,6 +81,10 @@ bool parse_options(int argc, char** argv, console_options& o) {
 
 int main(int argc, char** argv) {
   console_options o;
+  if (wants_help(argc, argv)) {
+    std::fputs(usage_text, stdout);
+    return 0;
+  }
   if (!parse_options(argc, argv, o)) {
     std::fputs(usage_text, stderr);
     return 2;
@@ -90,7 +104,9 @@ int main(int argc, char** argv) {
     session_show();
     if (!readable) continue;
     input_open = terminal_read(lines);
-    for (std::size_t i = 0; i < lines.size() && !session_over(); ++i) session_line(lines[i]);
+    for (std::size_t i = 0; i < lines.size() && !session_over(); ++i) {
+      if (!session_take_line(lines[i])) commands_run(lines[i]);
+    }
     lines.clear();
   }
   return session_finish();

@@ -6,10 +6,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
-#include <map>
 #include <memory>
+#include <set>
 
-#include "console/commands.h"
 #include "console/terminal.h"
 #include "console/view.h"
 #include "parent_client/temp_dir.h"
@@ -27,11 +26,16 @@ std::unique_ptr<temp_dir> config_dir;  // the emulator's configuration, with --e
 diag_level shown_level = diag_level::note;
 bool failed = false;           // an error was shown
 bool quit = false;
+bool stopping = false;         // the session stops the children: their ends are no news
+bool spoke = false;            // the backend wrote a record
 bool ended_alone = false;      // the backend ended without being asked
+bool emulator_gone = false;    // the emulator ended without being asked
 bool in_raw = false;           // lines go into raw_text until an empty one
 std::string raw_text;
 std::string emulator_answer;   // the last "ok" or "error ..." of its controls
-std::map<std::string, int> reports_seen;  // reports shown, by command
+std::map<std::string, int> reports_seen;  // reports shown, by kind
+int route_changes_seen = 0;    // routing reports that changed a route
+std::set<long> unnamed_routes;  // outputs routed before the names were known
 
 constexpr int step_ms = 50;
 
@@ -54,6 +58,26 @@ bool wait_showing(const std::function<bool()>& done, int timeout_ms) {
   }
 }
 
+// Routes are shown with the names of their output and input, so the first
+// routing report, which comes before the names reports, waits for them.
+void show_routes(const client_record& r) {
+  const report_tables& t = backend.tables;
+  if (!t.have_inputs || !t.have_outputs) {
+    for (const route_seen& c : r.changes) unnamed_routes.insert(c.output);
+    return;
+  }
+  for (const std::string& line : view_record(t, r)) terminal_print(line);
+}
+
+void show_unnamed_routes() {
+  const report_tables& t = backend.tables;
+  if (unnamed_routes.empty() || !t.have_inputs || !t.have_outputs) return;
+  for (long output : unnamed_routes) {
+    const auto route = t.routes.find(output);
+    if (route != t.routes.end()) terminal_print(view_route(t, output, route->second));
+  }
+  unnamed_routes.clear();
+}
 
 // Shows the backend's records in their order up to the reply with id, which
 // it takes into reply (true); shows them all when none is that reply.
@@ -61,13 +85,21 @@ bool show_records(const std::string& id, client_record* reply) {
   client_take_output(backend);
   for (; !backend.records.empty(); backend.records.pop_front()) {
     client_record& r = backend.records.front();
+    spoke = true;
     if (reply != nullptr && r.msg.type == "reply" && r.msg.id == id) {
       *reply = std::move(r);
       backend.records.pop_front();
       return true;
     }
-    ++reports_seen[tables_report_kind(r.msg)];
-    for (const std::string& line : view_record(backend.tables, r)) terminal_print(line);
+    const std::string kind = tables_report_kind(r.msg);
+    ++reports_seen[kind];
+    if (kind == "routes") {
+      route_changes_seen += r.changes.empty() ? 0 : 1;
+      show_routes(r);
+    } else {
+      for (const std::string& line : view_record(backend.tables, r)) terminal_print(line);
+    }
+    show_unnamed_routes();
   }
   return false;
 }
@@ -87,6 +119,32 @@ bool wait_reply(const std::string& id, const std::string& what) {
   }
   terminal_print("ok: " + what + " (id " + id + ")");
   return true;
+}
+
+// Whether the backend has reported the names of its outputs (or inputs). An
+// outputs report of no names cannot be told from a routing report of no
+// routes, so with no outputs they count as known once the inputs are.
+bool names_known(const report_tables& t, bool output) {
+  if (!output) return t.have_inputs;
+  return t.have_outputs || (t.have_inputs && tables_count(t, "outputs") == 0);
+}
+
+// A child's end that the session did not ask for is an error of the session.
+void notice_ends() {
+  if (stopping) return;
+  if (backend.child.reaped && !ended_alone) {
+    // Its last words come before the news of its end.
+    (void)child_wait_exit(backend.child, 1000);
+    ended_alone = true;
+    session_show();
+    console_error(std::string(spoke ? "the backend ended by itself: " :
+                                      "the backend could not start: ") +
+                  child_describe_end(backend.child));
+  }
+  if (opts.use_emulator && emulator.reaped && !emulator_gone) {
+    emulator_gone = true;
+    console_error("the emulator ended by itself: " + child_describe_end(emulator));
+  }
 }
 
 }  // namespace
@@ -116,10 +174,47 @@ bool console_wait_tables(int timeout_ms) {
   return wait_showing(
       [&t] {
         session_show();
-        return t.have_inputs && t.have_outputs && t.have_routes;
+        return names_known(t, false) && names_known(t, true) &&
+               (t.have_routes || tables_count(t, "outputs") == 0);
       },
       timeout_ms);
 }
+
+bool console_wait_names(bool output) {
+  const report_tables& t = backend.tables;
+  return wait_showing(
+      [&t, output] {
+        session_show();
+        return names_known(t, output);
+      },
+      opts.reply_ms);
+}
+
+bool console_wait_routes(const std::map<long, long>& expected, int timeout_ms) {
+  const report_tables& t = backend.tables;
+  const auto routed = [&t](long output, long input) {
+    const auto route = t.routes.find(output);
+    return route != t.routes.end() && route->second == input;
+  };
+  const int changes = route_changes_seen;
+  const bool done = wait_showing(
+      [&] {
+        session_show();
+        if (expected.empty()) return route_changes_seen > changes;
+        return std::all_of(expected.begin(), expected.end(),
+                           [&](const auto& e) { return routed(e.first, e.second); });
+      },
+      timeout_ms);
+  for (const auto& [output, input] : expected) {
+    if (done || routed(output, input)) continue;
+    const auto route = t.routes.find(output);
+    terminal_print("  wanted " + view_route(t, output, input) + "; the switcher reports " +
+                   (route == t.routes.end() ? "no route" : view_route(t, output, route->second)));
+  }
+  return done;
+}
+
+bool console_backend_ended() { return backend.child.reaped; }
 
 bool console_wait_report(const std::string& command, int timeout_ms) {
   const int seen = reports_seen[command];
@@ -133,13 +228,20 @@ bool console_emulator(const std::string& control) {
     console_error("no emulator runs: start the console with --emulator");
     return false;
   }
+  if (emulator_gone) {
+    console_error("the emulator has ended");
+    return false;
+  }
   emulator_answer.clear();
   child_write(emulator, control + "\n");
-  if (!wait_showing([] { return !emulator_answer.empty(); }, 5000)) {
-    console_error("the emulator did not answer \"" + control + "\"");
+  if (!wait_showing([] { return !emulator_answer.empty() || emulator_gone; }, 5000) ||
+      emulator_gone) {
+    if (!emulator_gone) console_error("the emulator did not answer \"" + control + "\"");
     return false;
   }
   if (emulator_answer != "ok") failed = true;
+  // Asked to stop, it stops: no news of its end.
+  if (emulator_answer == "ok" && control == "quit") emulator_gone = true;
   return emulator_answer == "ok";
 }
 
@@ -173,26 +275,17 @@ void session_show() {
   std::string line;
   while (child_take_line(emulator.out_buf, line)) show_emulator_line(line, true);
   while (child_take_line(emulator.err_buf, line)) show_emulator_line(line, false);
-  if (backend.child.reaped && !quit && !ended_alone) {
-    // Its last words come before the news of its end.
-    (void)child_wait_exit(backend.child, 1000);
-    ended_alone = true;
-    session_show();
-    console_error("the backend ended by itself: " + child_describe_end(backend.child));
-  }
+  notice_ends();
 }
 
-void session_line(const std::string& line) {
+bool session_take_line(const std::string& line) {
   if (in_raw || line.find_first_not_of(" \t") != std::string::npos) {
     terminal_echo(session_prompt(), line);
   }
-  if (!in_raw) {
-    commands_run(line);
-    return;
-  }
+  if (!in_raw) return false;
   if (!line.empty()) {
     raw_text += line + "\n";
-    return;
+    return true;
   }
   in_raw = false;
   parent_message msg;
@@ -200,13 +293,14 @@ void session_line(const std::string& line) {
   for (std::string l; child_take_line(rest, l);) parent_message_parse_line(msg, l);
   const std::string text = raw_text + "\n";
   raw_text.clear();
-  // Commands with an id always get a reply; other records may not.
-  if (msg.type == "command" && !msg.id.empty()) {
+  // With an id, commands and messages other than "set" always get a reply.
+  if (!msg.id.empty() && (msg.type == "command" || (msg.type == "message" && msg.command != "set"))) {
     (void)console_raw_request(text, msg.id);
-    return;
+    return true;
   }
   console_send_text(text);
   terminal_print("sent");
+  return true;
 }
 
 bool console_raw_request(const std::string& text, const std::string& id) {
@@ -224,13 +318,24 @@ bool session_over() {
 int session_finish() {
   quit = true;
   terminal_close();
+  session_show();  // a backend that ended meanwhile is still news
+  stopping = true;
   if (!backend.child.reaped) {
     child_stop(backend.child);
     client_take_output(backend);
     session_show();
     terminal_print("backend stopped: " + child_describe_end(backend.child));
+    // The end of its input ends a backend with status 0; anything else,
+    // before it said a word, is one that could not start.
+    if (child_describe_end(backend.child) != "exit status 0") {
+      ended_alone = true;
+      console_error(std::string(spoke ? "the backend did not end cleanly: " :
+                                        "the backend could not start: ") +
+                    child_describe_end(backend.child));
+    }
   }
   child_stop(emulator);
   session_show();
+  if (ended_alone && !spoke) return 2;
   return failed ? 1 : 0;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -26,8 +27,9 @@ struct console_options {
 // Shows what the backend (and the emulator) wrote since the last call.
 void session_show();
 
-// Runs one line typed or read: a command, or a line of a raw record.
-void session_line(const std::string& line);
+// Takes one line typed or read: echoes it (not on a terminal), and takes it
+// when it belongs to a raw record. False when it is a command to run.
+[[nodiscard]] bool session_take_line(const std::string& line);
 
 // "> ", or "raw> " while a raw record is being typed.
 [[nodiscard]] std::string session_prompt();
@@ -37,8 +39,10 @@ void session_line(const std::string& line);
 [[nodiscard]] bool session_over();
 
 // Stops the backend as a parent does and the emulator, shows their last
-// words, and returns the exit status: 0, or 1 when a command was refused, a
-// request got an error reply or none in time, or the backend ended by itself.
+// words, and returns the exit status: 0; 1 when a command was refused, a
+// request got an error reply or none in time, or the backend or the emulator
+// ended by itself; 2 when the backend ended before it wrote a record, as one
+// that could not start does.
 [[nodiscard]] int session_finish();
 
 // What the commands do with the session.
@@ -70,8 +74,23 @@ void console_start_raw();
 void console_quit();
 
 // Waits up to timeout_ms, showing what arrives, until the backend has reported
-// the names of the inputs and outputs and their routes. False when it did not.
+// the names of the inputs and outputs and their routes (none with no
+// outputs). False when it did not.
 bool console_wait_tables(int timeout_ms);
+
+// Waits up to the request timeout, showing what arrives, until the backend
+// has reported the names of the outputs (output: true) or the inputs. The
+// counts are the switcher's only from then on. False when they did not come.
+bool console_wait_names(bool output);
+
+// Waits up to timeout_ms, showing what arrives, until the routing reports
+// route every output in expected (output -> input) as expected; with none
+// expected, until a routing report changes a route. False when they did not,
+// with the outputs still routed otherwise shown.
+bool console_wait_routes(const std::map<long, long>& expected, int timeout_ms);
+
+// True once the backend has ended; a wait that ended with it says nothing more.
+[[nodiscard]] bool console_backend_ended();
 
 // Waits up to timeout_ms, showing what arrives, for the next report of a
 // kind: "info", "inputs", "outputs" (names) or "routes". False when none came.

@@ -100,6 +100,7 @@ std::vector<std::string> view_record(const report_tables& t, const client_record
   if (kind == "routes") {
     std::vector<std::string> lines;
     for (const route_seen& c : r.changes) lines.push_back(view_route(t, c.output, c.after));
+    if (lines.empty()) lines.push_back("routes: none changed (show routes)");
     return lines;
   }
   std::vector<std::string> lines{"record:"};

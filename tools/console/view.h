@@ -24,6 +24,7 @@
 [[nodiscard]] std::vector<std::string> view_info(const report_tables& t);
 
 // What a report tells in short: the info report's counts and identity, how
-// many names a names report gave, a line per route a routing report changed.
+// many names a names report gave, a line per route a routing report changed
+// (in the outputs' order), or that it changed none.
 // Records that are no report come back as their text, indented.
 [[nodiscard]] std::vector<std::string> view_record(const report_tables& t, const client_record& r);

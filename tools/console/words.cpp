@@ -18,24 +18,33 @@ bool words_split(const std::string& line, std::vector<console_word>& words, std:
       continue;
     }
     console_word w;
-    if (line[i] == '"') {
-      const std::size_t close = line.find('"', i + 1);
-      if (close == std::string::npos) {
-        error = "a quote is not closed";
-        return false;
+    w.quoted = line[i] == '"';
+    bool closed = !w.quoted;
+    for (i += w.quoted ? 1 : 0; i < line.size(); ++i) {
+      const char c = line[i];
+      if (c == '\\') {
+        if (++i == line.size()) {
+          error = "the line ends in a backslash (\\\\ stands for one)";
+          return false;
+        }
+        w.text += line[i];
+      } else if (w.quoted && c == '"') {
+        closed = true;
+        ++i;
+        break;
+      } else if (!w.quoted && is_blank(c)) {
+        break;
+      } else {
+        w.text += c;
       }
-      if (close + 1 < line.size() && !is_blank(line[close + 1])) {
-        error = "a blank must follow a closing quote";
-        return false;
-      }
-      w.text = line.substr(i + 1, close - i - 1);
-      w.quoted = true;
-      i = close + 1;
-    } else {
-      std::size_t end = i;
-      while (end < line.size() && !is_blank(line[end])) ++end;
-      w.text = line.substr(i, end - i);
-      i = end;
+    }
+    if (!closed) {
+      error = "a quote is not closed";
+      return false;
+    }
+    if (w.quoted && i < line.size() && !is_blank(line[i])) {
+      error = "a blank must follow a closing quote";
+      return false;
     }
     words.push_back(std::move(w));
   }
@@ -49,10 +58,20 @@ long words_position(const report_tables& t, bool output, const console_word& wor
   long position = -1;
   if (!word.quoted && all_digits(word.text)) {
     position = std::stol(word.text);
-  } else if ((position = tables_find(t, output, word.text)) < 0) {
-    error = std::string("no ") + what + " is named \"" + word.text + "\" in the latest " + plural +
-            " report";
-    return -1;
+  } else {
+    const std::vector<long> named = tables_named(t, output, word.text);
+    if (named.empty()) {
+      error = std::string("no ") + what + " is named \"" + word.text + "\" in the latest " +
+              plural + " report";
+      return -1;
+    }
+    if (named.size() > 1) {
+      error = std::string(plural) + " " + std::to_string(named[0]) + " and " +
+              std::to_string(named[1]) + " are both named \"" + word.text +
+              "\": give the position";
+      return -1;
+    }
+    position = named[0];
   }
   const long count = tables_count(t, plural);
   if (position >= count) {

@@ -1,5 +1,6 @@
 #include "parent_client/tables.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace {
@@ -40,6 +41,8 @@ void take_routes(report_tables& t, const parent_message& record, std::vector<rou
     if (before != input) changes.push_back({output, before, input});
     t.routes[output] = input;
   }
+  std::sort(changes.begin(), changes.end(),
+            [](const route_seen& a, const route_seen& b) { return a.output < b.output; });
 }
 
 }  // namespace
@@ -82,6 +85,14 @@ long tables_find(const report_tables& t, bool output, const std::string& name) {
     if (text == name) return position;
   }
   return -1;
+}
+
+std::vector<long> tables_named(const report_tables& t, bool output, const std::string& name) {
+  std::vector<long> positions;
+  for (const auto& [position, text] : output ? t.outputs : t.inputs) {
+    if (text == name) positions.push_back(position);
+  }
+  return positions;
 }
 
 std::string tables_name(const report_tables& t, bool output, long position) {

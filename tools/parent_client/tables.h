@@ -35,7 +35,8 @@ struct route_seen {
 // Takes one record the backend wrote. A report ("*TYPE=message" with command
 // "info", "inputs" or "outputs") updates the tables: the names reports
 // replace their whole table, a routing report (".input.all" fields) only the
-// outputs it lists, each output whose input differs landing in changes.
+// outputs it lists, each output whose input differs landing in changes, in
+// the outputs' numeric order (the fields come in text order: o10 before o2).
 // Fields that do not parse, and every other record, are ignored.
 void tables_apply(report_tables& t, const parent_message& record, std::vector<route_seen>& changes);
 
@@ -51,6 +52,10 @@ void tables_apply(report_tables& t, const parent_message& record, std::vector<ro
 // The position of the first input (outputs: false) or output (true) carrying
 // name, or -1 when no report holds it.
 [[nodiscard]] long tables_find(const report_tables& t, bool output, const std::string& name);
+
+// Every position of an input or output carrying name, in order.
+[[nodiscard]] std::vector<long> tables_named(const report_tables& t, bool output,
+                                            const std::string& name);
 
 // The name of a position, or "" when no report named it.
 [[nodiscard]] std::string tables_name(const report_tables& t, bool output, long position);
