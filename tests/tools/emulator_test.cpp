@@ -4,6 +4,8 @@
 #include <tuple>
 #include <vector>
 
+#include "parent_client/child.h"
+#include "parent_client/temp_dir.h"
 #include "switcher_emulator/emulator.h"
 
 namespace {
@@ -74,6 +76,53 @@ TEST_F(SwitcherEmulatorTest, TakesAndRenamesFeedStatusPolling) {
   EXPECT_FALSE(emulator_take(cfg, st, 0, 1));
   EXPECT_EQ("KB|F|10", Ask("BK", {"F"}));
   EXPECT_EQ("ER|00|QD", Ask("QD"));
+}
+
+// A switcher the emulator cannot be is refused with the reason; so is an
+// option it does not know or a value out of range, before it listens.
+TEST(SwitcherEmulatorSetUpTest, RefusesWhatNoSwitcherIs) {
+  using change = void (*)(emulator_config&);
+  const std::pair<change, std::string> configs[] = {
+      {[](emulator_config& c) { c.levels = {{"Video", 1}, {"Audio", 1}}; },
+       "level number 1 is given twice"},
+      {[](emulator_config& c) { c.outputs = 2, c.output_base = 65535; },
+       "destinations from 65535 would be numbered past 65535"},
+      {[](emulator_config& c) { c.inputs = 600, c.input_base = 65000; },
+       "sources from 65000 would be numbered past 65535"},
+  };
+  for (const auto& [set, reason] : configs) {
+    emulator_config cfg;
+    set(cfg);
+    emulator_state st;
+    std::string error;
+    EXPECT_FALSE(emulator_init(cfg, st, error));
+    EXPECT_EQ(reason, error);
+  }
+  temp_dir dir;
+  const std::pair<std::vector<std::string>, std::string> options[] = {
+      {{"--bogus"}, "unknown option --bogus (see --help)"},
+      {{"--port=0"}, "unknown option --port=0: the value is the next word (--port 0)"},
+      {{"--seed"}, "--seed wants a value (see --help)"},
+      {{"--output-names", dir.path}, dir.path + " is a directory"},
+      {{"--close-random", "0"}, "--close-random wants a number from 1 to 4294967295"},
+  };
+  for (const auto& [args, reason] : options) {
+    child_process emu;
+    std::vector<std::string> argv{"switcher_emulator", "--no-controls"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ASSERT_TRUE(child_start(emu, EMULATOR_PATH, argv));
+    EXPECT_EQ(1, child_wait_exit(emu, 10000));
+    EXPECT_EQ("switcher_emulator: " + reason + "\n", emu.err_buf);
+  }
+  // Every control line gets its answer: an empty one too, and a last one
+  // without its line end.
+  child_process emu;
+  emu.end_of_input_ms = 0;  // it outlives its input: SIGTERM stops it
+  ASSERT_TRUE(child_start(emu, EMULATOR_PATH, {"switcher_emulator", "--port", "0", "--outputs", "1"}));
+  child_write(emu, "\nroutes");
+  child_close_input(emu);
+  EXPECT_TRUE(child_wait([&emu] { return emu.out_buf.find("ok\n") != std::string::npos; }, 10000));
+  EXPECT_EQ("error empty line\nroute 1 1\nok\n", emu.out_buf.substr(emu.out_buf.find('\n') + 1));
 }
 
 }  // namespace

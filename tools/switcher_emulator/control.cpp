@@ -48,7 +48,6 @@ void control_line(const emulator_config& cfg, emulator_state& st, const std::str
   std::string rest = line;
   if (!rest.empty() && rest.back() == '\r') rest.pop_back();
   const std::string cmd = next_word(rest);
-  if (cmd.empty()) return;
   const char* error = nullptr;
   std::uint64_t a = 0;
   std::uint64_t b = 0;
@@ -78,6 +77,8 @@ void control_line(const emulator_config& cfg, emulator_state& st, const std::str
     out += text;
   } else if (cmd == "quit" && rest.empty()) {
     quit = true;
+  } else if (cmd.empty()) {
+    error = "empty line";
   } else {
     error = "unknown control";
   }

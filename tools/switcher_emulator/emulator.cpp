@@ -225,11 +225,27 @@ bool emulator_init(const emulator_config& cfg, emulator_state& st, std::string& 
     error = "at least one level is needed";
     return false;
   }
+  std::uint32_t numbers_seen = 0;
   for (const emulator_level& l : cfg.levels) {
     if (l.number > 31 || !emulator_valid_name(l.name)) {
       error = "level \"" + l.name + "\" needs a valid name and a number 0 to 31";
       return false;
     }
+    // Distinct numbers 0 to 31 also keep the levels to 32.
+    if ((numbers_seen & (1u << l.number)) != 0) {
+      error = "level number " + std::to_string(l.number) + " is given twice";
+      return false;
+    }
+    numbers_seen |= 1u << l.number;
+  }
+  // Switcher numbers are 16-bit on the wire's names lists.
+  if (cfg.outputs > 0 && std::uint64_t{cfg.output_base} + cfg.outputs - 1 > 65535) {
+    error = "destinations from " + std::to_string(cfg.output_base) + " would be numbered past 65535";
+    return false;
+  }
+  if (std::uint64_t{cfg.input_base} + cfg.inputs - 1 > 65535) {
+    error = "sources from " + std::to_string(cfg.input_base) + " would be numbered past 65535";
+    return false;
   }
   st.changed.assign(cfg.outputs, false);
   for (const auto& [dest, src] : cfg.routes) {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <fstream>
 #include <string>
 #include <unistd.h>
@@ -49,6 +50,8 @@ bool fail(const std::string& what) {
 // Reads a names file: line i names position i; a blank line keeps the
 // generated name.
 bool read_names(const std::string& path, std::vector<std::string>& names) {
+  struct stat st{};
+  if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return fail(path + " is a directory");
   std::ifstream in(path);
   if (!in) return fail("cannot read " + path);
   std::string line;
@@ -101,36 +104,37 @@ bool parse_routes(const std::string& list, emulator_config& cfg) {
   return true;
 }
 
-// One option with a value; false on an unknown option or a bad value.
+// One option with its value; false, with a line on standard error, on a bad value.
 bool apply_option(const std::string& opt, const std::string& v, emulator_server& s) {
   emulator_config& c = s.cfg;
   server_options& o = s.opt;
   emulator_faults& f = o.faults;
   struct number_option {
     const char* name;
-    std::uint64_t max;
+    std::uint64_t min, max;  // a fault's N from 1: there is no 1-in-0 or Nth frame 0
     std::uint32_t* target;
   };
   const number_option numbers[] = {
-      {"--port", 65535, &o.port},
-      {"--outputs", 1024, &c.outputs},
-      {"--inputs", 1024, &c.inputs},
-      {"--output-base", 65535, &c.output_base},
-      {"--input-base", 65535, &c.input_base},
-      {"--close-after", UINT32_MAX, &f.close_after},
-      {"--close-random", UINT32_MAX, &f.close_random},
-      {"--delay", 600000, &f.delay_ms},
-      {"--delay-jitter", 600000, &f.delay_jitter_ms},
-      {"--garbage", 4096, &f.garbage},
-      {"--corrupt-random", UINT32_MAX, &f.corrupt_random},
-      {"--refuse-for", 3600000, &f.refuse_ms},
-      {"--chaos-slice", 3600000, &o.chaos_slice_ms},
+      {"--port", 0, 65535, &o.port},
+      {"--outputs", 0, 1024, &c.outputs},
+      {"--inputs", 1, 1024, &c.inputs},
+      {"--output-base", 0, 65535, &c.output_base},
+      {"--input-base", 0, 65535, &c.input_base},
+      {"--close-after", 1, UINT32_MAX, &f.close_after},
+      {"--close-random", 1, UINT32_MAX, &f.close_random},
+      {"--delay", 0, 600000, &f.delay_ms},
+      {"--delay-jitter", 0, 600000, &f.delay_jitter_ms},
+      {"--garbage", 1, 4096, &f.garbage},
+      {"--corrupt-random", 1, UINT32_MAX, &f.corrupt_random},
+      {"--refuse-for", 0, 3600000, &f.refuse_ms},
+      {"--chaos-slice", 1, 3600000, &o.chaos_slice_ms},
   };
   std::uint64_t n = 0;
   for (const number_option& no : numbers) {
     if (opt != no.name) continue;
-    if (!parse_decimal(v, no.max, n)) {
-      return fail(opt + " wants a number up to " + std::to_string(no.max));
+    if (!parse_decimal(v, no.max, n) || n < no.min) {
+      return fail(opt + " wants a number from " + std::to_string(no.min) + " to " +
+                  std::to_string(no.max));
     }
     *no.target = static_cast<std::uint32_t>(n);
     return true;
@@ -151,30 +155,65 @@ bool apply_option(const std::string& opt, const std::string& v, emulator_server&
   else if (opt == "--levels") return parse_levels(v, c);
   else if (opt == "--routes") return parse_routes(v, c);
   else if (opt == "--pcap") o.pcap_path = v;
-  else return fail("unknown option " + opt);
   return true;
 }
 
-bool parse_options(int argc, char** argv, emulator_server& s) {
+// The options that take a value, which is the next word.
+constexpr const char* value_options[] = {
+    "--port", "--outputs", "--inputs", "--output-base", "--input-base", "--close-after",
+    "--close-random", "--delay", "--delay-jitter", "--garbage", "--corrupt-random",
+    "--refuse-for", "--chaos-slice", "--seed", "--silent-after", "--rename-after", "--bind",
+    "--model", "--firmware-type", "--firmware-revision", "--output-names", "--input-names",
+    "--levels", "--routes", "--pcap"};
+
+bool takes_value(const std::string& opt) {
+  for (const char* v : value_options) {
+    if (opt == v) return true;
+  }
+  return false;
+}
+
+// "--port=0" is told how it is written.
+void unknown_option(const std::string& opt) {
+  const std::size_t eq = opt.find('=');
+  if (eq != std::string::npos && takes_value(opt.substr(0, eq))) {
+    (void)fail("unknown option " + opt + ": the value is the next word (" + opt.substr(0, eq) +
+               " " + opt.substr(eq + 1) + ")");
+  } else {
+    (void)fail("unknown option " + opt + " (see --help)");
+  }
+}
+
+// Options, then the checks on the texts; -1 to go on, else the exit status.
+int parse_options(int argc, char** argv, emulator_server& s) {
   for (int i = 1; i < argc; ++i) {
     const std::string opt = argv[i];
     if (opt == "-h" || opt == "--help") {
-      std::fputs(usage_text, stderr);
-      return false;
+      std::fputs(usage_text, stdout);
+      return 0;
     }
     if (opt == "--verbose") s.opt.verbose = true;
     else if (opt == "--no-controls") s.opt.control_stdin = false;
     else if (opt == "--ack-only") s.opt.faults.ack_only = true;
     else if (opt == "--split-writes") s.opt.faults.split_writes = true;
     else if (opt == "--chaos") s.opt.chaos = true;
-    else if (i + 1 >= argc) return fail(opt + " wants a value (see --help)");
-    else if (!apply_option(opt, argv[++i], s)) return false;
+    else if (!takes_value(opt)) {
+      unknown_option(opt);
+      return 1;
+    } else if (i + 1 >= argc) {
+      (void)fail(opt + " wants a value (see --help)");
+      return 1;
+    } else if (!apply_option(opt, argv[++i], s)) {
+      return 1;
+    }
   }
-  if (s.opt.chaos_slice_ms == 0) return fail("--chaos-slice wants at least 1 ms");
   for (const std::string* text : {&s.cfg.model, &s.cfg.firmware_type, &s.cfg.firmware_revision}) {
-    if (!emulator_valid_name(*text)) return fail("identity texts must be 1-64 printable bytes");
+    if (!emulator_valid_name(*text)) {
+      (void)fail("identity texts must be 1-64 printable bytes");
+      return 1;
+    }
   }
-  return true;
+  return -1;
 }
 
 }  // namespace
@@ -184,7 +223,8 @@ int main(int argc, char** argv) {
   // Controls come from descriptor 0 when it is open; checked before any
   // socket could take that number.
   s.opt.control_stdin = fcntl(0, F_GETFD) != -1;
-  if (!parse_options(argc, argv, s)) return 1;
+  const int status = parse_options(argc, argv, s);
+  if (status >= 0) return status;
   // In the background of a terminal ("&" in an interactive shell) a read of
   // it would stop us with SIGTTIN, and a client would wait for answers in
   // vain: controls stay off there. Ignoring the signal makes a later read in

@@ -227,12 +227,22 @@ bool server_control(emulator_server& s, std::string line, std::string& out) {
   return true;
 }
 
+void run_control(emulator_server& s) {
+  std::string out;
+  if (!server_control(s, s.stdin_line, out)) control_line(s.cfg, s.sw, s.stdin_line, out, s.quit);
+  s.stdin_line.clear();
+  std::fputs(out.c_str(), stdout);
+  std::fflush(stdout);
+}
+
 void read_stdin(emulator_server& s) {
   char buf[read_chunk];
   const ssize_t r = read(0, buf, sizeof buf);
   if (r < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (r <= 0) {
-    // Without controls the emulator goes on answering; it stops on a signal.
+    // A last line without its end is a control too. Without controls the
+    // emulator goes on answering; it stops on a signal.
+    if (!s.stdin_line.empty()) run_control(s);
     s.stdin_open = false;
     return;
   }
@@ -242,13 +252,7 @@ void read_stdin(emulator_server& s) {
       if (s.stdin_line.size() < control_max_line) s.stdin_line.push_back(buf[i]);
       continue;
     }
-    std::string out;
-    if (!server_control(s, s.stdin_line, out)) {
-      control_line(s.cfg, s.sw, s.stdin_line, out, s.quit);
-    }
-    s.stdin_line.clear();
-    std::fputs(out.c_str(), stdout);
-    std::fflush(stdout);
+    run_control(s);
   }
 }
 
