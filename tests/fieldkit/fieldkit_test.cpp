@@ -1,6 +1,6 @@
 // The field kit: the Wireshark dissector reading captures that the emulator
-// records, and the Debian package installed in a scratch root. A test skips
-// when its tool (tshark, dpkg-deb) or the package is missing.
+// records (and one of other traffic), and the Debian package installed in a
+// scratch root.
 #include <unistd.h>
 
 #include <algorithm>
@@ -53,12 +53,13 @@ class FieldKitTest : public SystemTest {
     EXPECT_EQ(0, child_wait_exit(emu_, wait_ms));
   }
 
-  // One line per packet that carries the protocol. HOME keeps the user's
+  // One line per packet that carries the protocol; with the port's
+  // preference, or found by the framing alone. HOME keeps the user's
   // profile, and any dissector installed in it, out.
-  std::string Fields(const std::string& capture) {
+  std::string Fields(const std::string& capture, bool port_preference = true) {
     return Run("HOME=" + dir_.path + " XDG_CONFIG_HOME=" + dir_.path +
-               " timeout 60 tshark -X lua_script:" DISSECTOR_PATH " -o gvnp.port:" + port_ +
-               " -r " + capture +
+               " timeout 60 tshark -X lua_script:" DISSECTOR_PATH +
+               (port_preference ? " -o gvnp.port:" + port_ : std::string()) + " -r " + capture +
                " -Y gvnp -T fields -E separator='|' -e gvnp.type -e gvnp.command -e gvnp.param"
                " -e gvnp.checksum.status -e gvnp.nak.code 2>/dev/null");
   }
@@ -78,13 +79,65 @@ std::string UpToTake(std::string fields) {
   return end == std::string::npos ? fields : fields.substr(0, end + taken.size());
 }
 
+// On the emulator's ephemeral port, without the port's preference or "Decode
+// As": the dissector finds the protocol by its framing.
 TEST_F(FieldKitTest, DissectorDecodesSynchronisationAndTake) {
   ASSERT_TRUE(Have("tshark")) << "tshark is not installed: tools/setup.sh test installs it";
   const std::string capture = dir_.path + "/clean.pcap";
   StartEmulator({"--outputs", "2", "--inputs", "3", "--pcap", capture});
   SyncAndRoute();
   StopEmulator();
-  EXPECT_EQ(Golden("clean_session.txt"), UpToTake(Fields(capture)));
+  EXPECT_EQ(Golden("clean_session.txt"), UpToTake(Fields(capture, false)));
+}
+
+// Other TCP traffic, some of it with the protocol's control bytes, on ports
+// with no dissector of their own, where every packet meets the heuristics.
+TEST_F(FieldKitTest, DissectorTakesNoOtherTrafficForThisProtocol) {
+  ASSERT_TRUE(Have("text2pcap") && Have("mergecap"))
+      << "text2pcap or mergecap is not installed: tools/setup.sh test installs tshark with them";
+  std::string random(1500, '\0');
+  std::uint32_t state = 7;
+  for (char& c : random) c = static_cast<char>((state = state * 1103515245u + 12345u) >> 24);
+  const std::string payloads[] = {
+      "GET /index.html HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n",
+      "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello",
+      "SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n",
+      std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11) + random.substr(0, 64),
+      random,
+      "\x01hello, world\x04",
+      "\x01N0QD00\x04",                 // the layout, but a wrong checksum
+      "\x01n0qdED\x04",                 // the checksum of the lower-case letters, but not the layout
+      "\x06",
+      "\x15" "0001\x04",
+  };
+  // One conversation each, on ports of their own: text2pcap makes one
+  // capture of a hex dump (an offset starts each line, offset 0 a packet),
+  // mergecap joins them.
+  std::string parts;
+  for (std::size_t i = 0; i < std::size(payloads); ++i) {
+    const std::string& p = payloads[i];
+    std::string dump;
+    for (std::size_t at = 0; at < p.size(); ++at) {
+      char text[32];
+      if (at % 16 == 0) {
+        std::snprintf(text, sizeof text, "%s%06zx", at == 0 ? "" : "\n", at);
+        dump += text;
+      }
+      std::snprintf(text, sizeof text, " %02x", static_cast<unsigned char>(p[at]));
+      dump += text;
+    }
+    const std::string part = dir_.path + "/other" + std::to_string(i) + ".pcap";
+    const std::string ports = std::to_string(40000 + 2 * i) + "," + std::to_string(40001 + 2 * i);
+    ASSERT_EQ("", Run("text2pcap -q -T " + ports + " " + dir_.write("other.txt", dump + "\n") +
+                      " " + part + " >/dev/null 2>&1 || echo failed"));
+    parts += " " + part;
+  }
+  const std::string capture = dir_.path + "/other.pcap";
+  ASSERT_EQ("", Run("mergecap -a -w " + capture + parts + " 2>&1"));
+  const std::string all = Run("HOME=" + dir_.path + " timeout 60 tshark -X lua_script:" +
+                              DISSECTOR_PATH + " -r " + capture + " 2>/dev/null");
+  EXPECT_EQ(static_cast<long>(std::size(payloads)), std::count(all.begin(), all.end(), '\n'));
+  EXPECT_EQ("", Fields(capture, false));
 }
 
 TEST_F(FieldKitTest, DissectorReassemblesAndMarksFaults) {

@@ -1,7 +1,8 @@
 -- Wireshark dissector for the Native Protocol that zeph_route_grass_valley
--- speaks with a routing switcher over TCP (port 12345, and another port set
--- in the protocol's preferences). Install: see README.md, "Capturing and
--- decoding".
+-- speaks with a routing switcher over TCP: port 12345, another port set in
+-- the protocol's preferences, and any port where a segment holds a message
+-- whose layout and checksum are right (then the whole conversation). Install:
+-- see README.md, "Capturing and decoding".
 --
 -- A message is SOH, a body and EOT. The body is the protocol letter, the
 -- sequence flag, two command letters, each parameter led by a TAB, and two
@@ -243,6 +244,40 @@ function proto.dissector(tvb, pinfo, tree)
   end
   return tvb:len()
 end
+
+-- A message as only this protocol writes it: protocol letter, sequence
+-- digit, two command letters, parameters each led by a TAB, two hexadecimal
+-- digits of a correct checksum. On top of the layout, a checksum right by
+-- chance is one in 256.
+local function good_message(body)
+  if not body:match("^%u%d%u%u") or not body:match("%x%x$") or #body > max_body then
+    return false
+  end
+  local covered = #body - 2
+  if covered > 4 and body:sub(5, 5) ~= "\t" then return false end
+  local sum = 0
+  for i = 1, covered do sum = sum + body:byte(i) end
+  return (256 - sum % 256) % 256 == tonumber(body:sub(-2), 16)
+end
+
+-- Claims a conversation on any port for a segment that starts, within its
+-- first bytes, a good message (an ACK, stray bytes or another message may
+-- come first): the ACKs, NAKs and split messages after it then decode too.
+local function heuristic(tvb, pinfo, tree)
+  local raw = tvb:raw(0, math.min(tvb:len(), max_body + 2))
+  local from = 1
+  while true do
+    local soh = raw:find("\1", from, true)
+    if soh == nil or soh > 64 then return false end
+    local eot = raw:find("[\0\1\4]", soh + 1)
+    if eot and raw:byte(eot) == EOT and good_message(raw:sub(soh + 1, eot - 1)) then break end
+    from = soh + 1
+  end
+  pinfo.conversation = proto
+  proto.dissector(tvb, pinfo, tree)
+  return true
+end
+proto:register_heuristic("tcp", heuristic)
 
 local tcp_ports = DissectorTable.get("tcp.port")
 tcp_ports:add(default_port, proto)
