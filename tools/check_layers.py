@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Checks that the source tree's includes point only down its layers.
 
-Usage: check_layers.py SRC_DIR
+Usage: check_layers.py [--cycles] DIR
 
-Reads every '#include "..."' line of the .h and .cpp files under SRC_DIR and
+Reads every '#include "..."' line of the .h and .cpp files under DIR and
 fails, naming the file, the line and the include, when a file includes a
 header of a higher layer, of a folder that is no layer, or when the modules
 (a header and its .cpp) include each other in a cycle, within a layer too.
+With --cycles, for a tree that has no layers (tools/), only the cycles.
 Prints one line per finding and exits 1, or exits 0 silently.
 """
 import os
@@ -90,11 +91,12 @@ def cycle_findings(includes):
 
 
 def main(argv):
-    if len(argv) != 2 or not os.path.isdir(argv[1]):
+    cycles_only = len(argv) == 3 and argv[1] == "--cycles"
+    if len(argv) != 2 + cycles_only or not os.path.isdir(argv[-1]):
         print(__doc__.strip().splitlines()[2], file=sys.stderr)
         return 2
-    includes = read_includes(argv[1])
-    findings = layer_findings(includes) + cycle_findings(includes)
+    includes = read_includes(argv[-1])
+    findings = ([] if cycles_only else layer_findings(includes)) + cycle_findings(includes)
     for line in findings:
         print(line)
     return 1 if findings else 0

@@ -47,7 +47,7 @@ void run_steps() {
     clear_flag(process_flag::sync_needed);
   }
   if (flag_is_set(process_flag::counts_changed)) {
-    update_active_counts();
+    recompute_active_counts(router_input_count(), router_output_count());
     clear_flag(process_flag::counts_changed);
   }
   report_if_needed(process_flag::info_report_needed, send_info_report);

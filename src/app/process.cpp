@@ -93,7 +93,7 @@ bool load_configuration() {
     return false;
   }
   for (const auto& [key, value] : map) apply_config_key(key, value);
-  update_active_counts();
+  recompute_active_counts(router_input_count(), router_output_count());
   // The counts are fresh; the first pass need not recompute them.
   clear_flag(process_flag::counts_changed);
   return true;

@@ -171,7 +171,6 @@ void update_levels_info(const std::vector<router_message>& response) {
   });
 }
 
-void update_active_counts() { recompute_active_counts(inputs.count, outputs.count); }
 
 void update_route_status(const std::vector<router_message>& response) {
   for (const router_message& msg : response) {

@@ -36,10 +36,6 @@ void update_dest_info(const std::vector<router_message>& response);
 void update_sources_info(const std::vector<router_message>& response);
 void update_levels_info(const std::vector<router_message>& response);
 
-// Recomputes the active counts from the configuration and the counts these
-// tables hold.
-void update_active_counts();
-
 // Turns every usable "IQ" reply in response into an accepted route change.
 void update_route_status(const std::vector<router_message>& response);
 

@@ -182,6 +182,17 @@ void connection_queue_and_write(const char* bytes, std::size_t n) {
   flush_tx_buffer();
 }
 
+bool connection_sendmsg(router_message& msg) {
+  if (!connection_is_open() || connection_connect_in_progress()) return false;
+  router_frame frame;
+  if (!encode_router_frame(msg, frame)) return false;
+  // The frame is NUL-terminated text: what goes out is the bytes before the
+  // first NUL.
+  connection_queue_and_write(frame.data(), std::strlen(frame.data()));
+  diag("<DBG>Send to router: %s\n", frame.data());
+  return true;
+}
+
 void connection_read() {
   if (sock < 0) return;
   char buf[read_chunk_bytes];

@@ -33,6 +33,11 @@ void connection_read();
 // record (empty raw) when nothing is queued.
 [[nodiscard]] router_message connection_recvmsg();
 
+// Frames msg and queues it behind earlier frames, then makes one write.
+// Returns false, queuing nothing, when no socket is open, a connect is in
+// progress or the message does not fit a frame.
+[[nodiscard]] bool connection_sendmsg(router_message& msg);
+
 // Appends frame bytes to the transmit buffer and makes one write of
 // everything unwritten. A broken connection is logged and closed. Does
 // nothing when no socket is open.

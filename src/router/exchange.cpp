@@ -41,17 +41,6 @@ bool more_follow(const router_message& got, const std::vector<router_message>& r
 
 }  // namespace
 
-bool connection_sendmsg(router_message& msg) {
-  if (!connection_is_open() || connection_connect_in_progress()) return false;
-  router_frame frame;
-  if (!encode_router_frame(msg, frame)) return false;
-  // The frame is NUL-terminated text: what goes out is the bytes before the
-  // first NUL.
-  connection_queue_and_write(frame.data(), std::strlen(frame.data()));
-  diag("<DBG>Send to router: %s\n", frame.data());
-  return true;
-}
-
 bool do_timeout_send_and_recv(router_message& msg, std::vector<router_message>& response,
                               us_time_t deadline) {
   response.clear();

@@ -8,11 +8,6 @@
 
 // Putting messages on the wire and waiting for replies.
 
-// Frames msg and queues it behind earlier frames, then makes one write.
-// Returns false, queuing nothing, when no socket is open, a connect is in
-// progress or the message does not fit a frame.
-[[nodiscard]] bool connection_sendmsg(router_message& msg);
-
 // Drains stale received messages, sends msg, then collects its reply (one
 // message, or a run continued by the sequence flag) until deadline. Serves one
 // parent message per 10 ms wait cycle. Returns true when response holds a

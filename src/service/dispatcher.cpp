@@ -10,7 +10,7 @@
 #include "base/config.h"
 #include "base/flags.h"
 #include "model/route_change.h"
-#include "model/route_status.h"
+#include "service/route_status.h"
 #include "parent/channel.h"
 #include "router/connection.h"
 #include "service/route_queue.h"

@@ -8,7 +8,7 @@
 #include "base/config.h"
 #include "base/diag.h"
 #include "base/flags.h"
-#include "model/route_status.h"
+#include "service/route_status.h"
 #include "model/tables.h"
 #include "router/connection.h"
 #include "router/exchange.h"

@@ -9,7 +9,7 @@
 #include "base/config.h"
 #include "base/diag.h"
 #include "base/flags.h"
-#include "model/route_status.h"
+#include "service/route_status.h"
 #include "model/tables.h"
 #include "router/connection.h"
 #include "router/exchange.h"
@@ -136,7 +136,7 @@ void query_all_routes() {
 void hand_over() {
   set_next_status_poll(monotonic_now_us() + first_poll_delay_us);
   if (flag_is_set(process_flag::counts_changed)) {
-    update_active_counts();
+    recompute_active_counts(router_input_count(), router_output_count());
     clear_flag(process_flag::counts_changed);
   }
   // sync_needed is still raised here, so this sends nothing yet; it only

@@ -107,7 +107,7 @@ TEST_F(RouterTablesTest, RouteStatus) {
   update_dest_info({nq({"ID", "2", "D1", "1", "x", "0", "D4", "4", "x", "0"})});
   update_sources_info({nq({"IS", "2", "S1", "1", "x", "0", "S8", "8", "x", "0"})});
   apply_config_key("outputs", "10");
-  update_active_counts();
+  recompute_active_counts(router_input_count(), router_output_count());
   const router_message inside = reply("IQ", {"3", "0", "0", "0", "6"});
   const std::string accepted = "<DBG>Accepting route change output=2 input=5\n";
   EXPECT_EQ(accepted, stderr_of([&] { update_route_status({inside}); }));
@@ -126,7 +126,7 @@ TEST_F(RouterTablesTest, RouteStatus) {
   }
   // Beyond the active outputs it is logged, not queued.
   apply_config_key("outputs", "2");
-  update_active_counts();
+  recompute_active_counts(router_input_count(), router_output_count());
   EXPECT_EQ(accepted, stderr_of([&] { update_route_status({inside}); }));
   EXPECT_TRUE(accepted_route_changes_empty());
 }

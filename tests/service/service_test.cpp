@@ -31,7 +31,7 @@ void load_tables(const char* base, const char* count) {
   update_sources_info({sources});
   apply_config_key("inputs", count);
   apply_config_key("outputs", count);
-  update_active_counts();
+  recompute_active_counts(router_input_count(), router_output_count());
 }
 
 class CommandServiceTest : public ::testing::Test {
@@ -315,7 +315,7 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   none.ok = true;
   update_dest_info({none});
   apply_config_key("outputs", "0");
-  update_active_counts();
+  recompute_active_counts(router_input_count(), router_output_count());
   set_flush_allow_for_test(0);
   const std::size_t before = SentSince(0).size();
   EXPECT_EQ(strings{}, Flush({{1, 0}}));

@@ -148,7 +148,7 @@ class StatusPollingTest : public SynchronisationTest {
     dests.ok = true;
     (void)stderr_of([&] { update_dest_info({dests}); });
     apply_config_key("outputs", outputs);
-    (void)stderr_of(update_active_counts);
+    (void)stderr_of([] { recompute_active_counts(router_input_count(), router_output_count()); });
   }
   // One pass's polling step with a request due; the frames it sent.
   static strings DueRequest() {

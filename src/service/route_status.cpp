@@ -1,4 +1,4 @@
-#include "model/route_status.h"
+#include "service/route_status.h"
 
 #include <vector>
 
