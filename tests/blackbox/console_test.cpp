@@ -3,6 +3,7 @@
 // after a rename on the switcher, refused lines, error replies, and the
 // backend ending under it.
 #include <algorithm>
+#include <cstdlib>
 
 #include "blackbox/system_fixture.h"
 
@@ -132,13 +133,55 @@ TEST_F(ConsoleTest, ScriptTakesBeforeSynchronisationAndWaitsForItsTakes) {
   EXPECT_EQ(1, End());
 }
 
-TEST_F(ConsoleTest, BackendThatCannotStartEndsTheConsoleWithTwo) {
-  // Without a configuration file the backend stops at start-up.
-  ASSERT_TRUE(child_start(console_, CONSOLE_PATH,
-                          {"zeph_route_console", "--backend", DAEMON_PATH, "--file",
-                           dir_.path + "/missing.cfg"}));
-  EXPECT_NE("", Until("error: the backend could not start: exit status 1"));
-  EXPECT_EQ(2, child_wait_exit(console_, wait_ms));
+// Short scripts against the emulator of --emulator: what each line says, and
+// the console's exit status.
+TEST_F(ConsoleTest, ScriptsSayWhatHappenedAndEndWithTheirStatus) {
+  struct Case {
+    std::vector<std::string> args;  // after the console's own name
+    std::string script;
+    std::string says;  // a line the output must hold, the last one it waits for
+    int status;
+  };
+  const std::string emulate = "--emulator";
+  const Case cases[] = {
+      {{"--help"}, "", "usage: zeph_route_console [--backend PATH] --file CFG", 0},
+      // No outputs: nothing to route, and nothing to wait for.
+      {{emulate, "--outputs", "0"}, "wait\nshow routes\n", " OUT  NAME    IN  NAME", 0},
+      {{emulate}, "wait\nreport inputs\n",
+       "inputs: no report follows; the latest has 16 names (show inputs)", 0},
+      // Error paths follow.
+      {{emulate}, "raw\n*TYPE=message\n*COMMAND=ping\n*ID=m1\n\n",
+       "error: raw record (id m1): Message ping ignored", 1},
+      // Asked to, the emulator stops without news; stopped otherwise, it ends
+      // the session.
+      {{emulate, "--model", "CaseEmu"},
+       "emulator quit\nsleep 0.5\nemulator take 1 1\n", "error: the emulator has ended", 1},
+      {{emulate, "--model", "CaseEmu"}, "wait\nsleep 30\n", "error: the emulator ended by itself", 1},
+      // Without a configuration file the backend stops at start-up, and a
+      // wait ended by that says nothing more.
+      {{"--file", dir_.path + "/missing.cfg"}, "wait\n",
+       "error: the backend could not start: exit status 1", 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.script);
+    child_process console;
+    std::vector<std::string> argv{"zeph_route_console", "--backend", DAEMON_PATH};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    ASSERT_TRUE(child_start(console, CONSOLE_PATH, argv));
+    child_write(console, c.script);
+    std::string out;
+    if (c.script.find("sleep 30") != std::string::npos) {
+      // The emulator gets SIGTERM from outside, while the console sleeps
+      // (the bracket keeps pkill from matching its own shell).
+      out = LinesUntil(console.out_buf, "> sleep 30");
+      EXPECT_EQ(0, std::system("pkill -f 'switcher_emulato[r].*CaseEmu'"));
+    }
+    out += LinesUntil(console.out_buf, c.says);
+    EXPECT_NE(std::string::npos, out.find(c.says)) << out;
+    child_close_input(console);
+    EXPECT_EQ(c.status, child_wait_exit(console, wait_ms));
+    EXPECT_EQ(std::string::npos, (out + console.out_buf).find("within 30 s"));
+  }
 }
 
 }  // namespace

@@ -29,7 +29,9 @@ bool quit = false;
 bool stopping = false;         // the session stops the children: their ends are no news
 bool spoke = false;            // the backend wrote a record
 bool ended_alone = false;      // the backend ended without being asked
-bool emulator_gone = false;    // the emulator ended without being asked
+bool emulator_gone = false;    // the emulator ended, or was asked to quit
+bool emulator_died = false;    // the emulator ended without being asked
+bool emulator_quitting = false;  // "emulator quit" was sent
 bool in_raw = false;           // lines go into raw_text until an empty one
 std::string raw_text;
 std::string emulator_answer;   // the last "ok" or "error ..." of its controls
@@ -53,7 +55,7 @@ bool wait_showing(const std::function<bool()>& done, int timeout_ms) {
     if (done()) return true;
     session_show();
     const us_time_t now = monotonic_now_us();
-    if (now >= end || stop_requested != 0 || backend.child.reaped) return false;
+    if (now >= end || stop_requested != 0 || backend.child.reaped || emulator_died) return false;
     client_pump(backend, static_cast<int>(std::min<us_time_t>((end - now) / 1000 + 1, step_ms)));
   }
 }
@@ -143,6 +145,8 @@ void notice_ends() {
   }
   if (opts.use_emulator && emulator.reaped && !emulator_gone) {
     emulator_gone = true;
+    if (emulator_quitting) return;
+    emulator_died = true;
     console_error("the emulator ended by itself: " + child_describe_end(emulator));
   }
 }
@@ -233,15 +237,15 @@ bool console_emulator(const std::string& control) {
     return false;
   }
   emulator_answer.clear();
+  // It may end before its "ok" is read: that end was asked for.
+  emulator_quitting = emulator_quitting || control == "quit";
   child_write(emulator, control + "\n");
-  if (!wait_showing([] { return !emulator_answer.empty() || emulator_gone; }, 5000) ||
-      emulator_gone) {
+  if (!wait_showing([] { return !emulator_answer.empty() || emulator_gone; }, 5000)) {
     if (!emulator_gone) console_error("the emulator did not answer \"" + control + "\"");
     return false;
   }
+  if (emulator_answer.empty() && emulator_quitting) return true;  // ended before its "ok"
   if (emulator_answer != "ok") failed = true;
-  // Asked to stop, it stops: no news of its end.
-  if (emulator_answer == "ok" && control == "quit") emulator_gone = true;
   return emulator_answer == "ok";
 }
 
@@ -312,7 +316,7 @@ std::string session_prompt() { return in_raw ? "raw> " : "> "; }
 
 bool session_over() {
   if (stop_requested != 0) quit = true;
-  return quit || ended_alone;
+  return quit || ended_alone || emulator_died;
 }
 
 int session_finish() {

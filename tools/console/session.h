@@ -34,8 +34,8 @@ void session_show();
 // "> ", or "raw> " while a raw record is being typed.
 [[nodiscard]] std::string session_prompt();
 
-// True once the session should end: "quit", a signal, or the backend ended
-// by itself (whose status is then shown).
+// True once the session should end: "quit", a signal, or the backend or
+// the emulator ended by itself (whose status is then shown).
 [[nodiscard]] bool session_over();
 
 // Stops the backend as a parent does and the emulator, shows their last
