@@ -14,8 +14,9 @@ set(ZEPH_PACKAGE_MAINTAINER "zeph_route_grass_valley authors <zeph-route-grass-v
 set(zeph_docdir ${CMAKE_INSTALL_DATAROOTDIR}/doc/${ZEPH_PACKAGE_NAME})
 
 # Programs and their manual pages.
-set(ZEPH_PROGRAMS zeph_route_grass_valley switcher_emulator zeph_route_console)
-set(ZEPH_MAN_PAGES zeph_route_grass_valley.1 switcher_emulator.1 zeph_route_console.1)
+set(ZEPH_PROGRAMS zeph_route_grass_valley switcher_emulator zeph_route_console zeph_route_panel)
+set(ZEPH_MAN_PAGES zeph_route_grass_valley.1 switcher_emulator.1 zeph_route_console.1
+  zeph_route_panel.1)
 
 # Manual pages, the README and the changelog are installed compressed as the
 # policy asks: gzip -9, without name or time stamp, so builds are repeatable.

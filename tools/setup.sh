@@ -18,10 +18,16 @@ packages=(
   "libgtest-dev|build|file /usr/include/gtest/gtest.h|GoogleTest, for the tests"
   "python3|build|cmd python3|the include layering check and the mutation sampler"
   "libedit-dev|build?|file /usr/include/editline/readline.h|line editing in the console (optional)"
+  "libcpp-httplib-dev|build|file /usr/include/httplib.h|the panel's web server"
+  "nlohmann-json3-dev|build|file /usr/include/nlohmann/json.hpp|the panel's JSON"
+  "pkg-config|build|cmd pkg-config|finds cpp-httplib for the build"
   "tshark|test|cmd tshark|runs the Wireshark dissector's tests"
   "mandoc|test|cmd mandoc|checks the manual pages"
   "dpkg-dev|test|cmd dpkg-shlibdeps|builds the Debian package that the install test unpacks"
   "lintian|test|cmd lintian|checks the Debian package"
+  "chromium|test|cmd chromium|the headless browser the panel's tests drive"
+  "chromium-driver|test|cmd chromedriver|drives that browser for the tests"
+  "python3-selenium|test|pyselenium|the panel's tests, in Python, talk to the driver"
   "clang|fuzz lint|cmd clang++|builds the fuzz targets and their compilation database"
   "libclang-rt-14-dev|fuzz|fuzzer|libFuzzer's runtime, which clang ships apart"
   "gcovr|coverage|cmd gcovr|the coverage summary"
@@ -49,6 +55,7 @@ present() {
   case $kind in
     cmd) command -v "$what" >/dev/null ;;
     file) [ -f "$what" ] ;;
+    pyselenium) /usr/bin/python3 -c "import selenium" 2>/dev/null ;;
     fuzzer) command -v clang++ >/dev/null &&
               compgen -G "$(clang++ -print-runtime-dir)/libclang_rt.fuzzer-*.a" >/dev/null ;;
   esac
