@@ -98,5 +98,16 @@ bench:
 	@cmake --build --preset bench >build/bench-build.log 2>&1 || { cat build/bench-build.log; exit 1; }
 	@build/bench/bench/zeph_bench
 
+# The crosspoint panel in headless Chromium on the bench build: page ready
+# with 1024 x 1024 names, routing report to lit cell, idle CPU with five
+# browsers. Prints one table (bench/RESULTS.md holds a saved run).
+.PHONY: bench-panel
+bench-panel:
+	@$(SETUP) bench test
+	@cmake --preset bench >/dev/null
+	@cmake --build --preset bench >build/bench-build.log 2>&1 || { cat build/bench-build.log; exit 1; }
+	@/usr/bin/python3 bench/panel_bench.py build/bench/tools/zeph_route_panel \
+	  build/bench/zeph_route_grass_valley build/bench/tools/switcher_emulator
+
 clean:
 	rm -rf build

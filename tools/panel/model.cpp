@@ -1,5 +1,7 @@
 #include "panel/model.h"
 
+#include <chrono>
+
 #include <nlohmann/json.hpp>
 
 #include "parent_client/client.h"
@@ -100,7 +102,13 @@ panel_events model_take_record(panel_model& m, const parent_message& record) {
   } else if (kind == "routes") {
     json changed = json::object();
     for (const route_seen& c : changes) changed[std::to_string(c.output)] = c.after;
-    if (!changed.empty()) events.push_back(json{{"t", "routes"}, {"routes", changed}}.dump());
+    // When the report came, in wall-clock milliseconds: a browser on the same
+    // machine can tell how long it took to show it.
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::system_clock::now().time_since_epoch());
+    if (!changed.empty()) {
+      events.push_back(json{{"t", "routes"}, {"routes", changed}, {"at", ms.count()}}.dump());
+    }
     if (confirm_pending(m)) events.push_back(pending_event(m));
   }
   // The routing report at the end of a synchronisation, or the names that

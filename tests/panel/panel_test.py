@@ -1,0 +1,296 @@
+#!/usr/bin/python3
+"""The crosspoint panel in a real headless Chromium, against the emulator.
+
+Each test starts the switcher emulator (its frame log read here), the panel
+on a configuration naming it, and one or two browsers. Run by ctest, one test
+a case: panel_test.py PANEL BACKEND EMULATOR [Class.test_name].
+"""
+import http.server
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+import urllib.request
+
+from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+
+PANEL = BACKEND = EMULATOR = ""
+WAIT = 20  # seconds: a generous bound for anything that must happen
+
+
+def until(check, timeout=WAIT, what="condition"):
+    """Polls check until it returns something true, or fails the test. An
+    element the page redrew meanwhile is looked for again."""
+    end = time.time() + timeout
+    while time.time() < end:
+        try:
+            value = check()
+            if value:
+                return value
+        except StaleElementReferenceException:
+            pass
+        time.sleep(0.05)
+    raise AssertionError("timed out waiting for " + what)
+
+
+class Emulator:
+    """The switcher emulator, its controls and its frame log."""
+
+    def __init__(self, *options):
+        self.proc = subprocess.Popen([EMULATOR, "--port", "0", "--verbose", *options],
+                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                     stderr=subprocess.PIPE, text=True)
+        self.port = self.proc.stdout.readline().split()[-1]
+        self.log = []
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        for line in self.proc.stderr:
+            self.log.append(line.rstrip("\n"))
+
+    def control(self, line):
+        self.proc.stdin.write(line + "\n")
+        self.proc.stdin.flush()
+
+    def received(self, prefix):
+        return [l[5:] for l in list(self.log) if l.startswith("recv " + prefix)]
+
+    def stop(self):
+        self.proc.terminate()
+        self.proc.wait(10)
+
+
+class Panel:
+    """The panel on a configuration naming the emulator."""
+
+    def __init__(self, emulator, directory, *options):
+        config = os.path.join(directory, "router.cfg")
+        with open(config, "w") as f:
+            f.write("ip address = 127.0.0.1\nport = %s\n" % emulator.port)
+        self.proc = subprocess.Popen([PANEL, "--backend", BACKEND, "--file", config, *options],
+                                     stdout=subprocess.PIPE, text=True)
+        self.url = self.proc.stdout.readline().strip()
+
+    def stop(self):
+        self.proc.terminate()
+        return self.proc.wait(20)
+
+
+def browser():
+    options = webdriver.ChromeOptions()
+    for arg in ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                "--no-first-run", "--disable-background-networking", "--disable-component-update",
+                "--disable-sync", "--window-size=1100,800"]:
+        options.add_argument(arg)
+    options.binary_location = "/usr/bin/chromium"
+    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+
+
+def cell(d, o, i, state=""):
+    return d.find_elements(By.CSS_SELECTOR, '.cell%s[data-o="%d"][data-i="%d"]' % (state, o, i))
+
+
+def click(d, selector):
+    """Clicks what selector finds, again if the page redrew it meanwhile."""
+    until(lambda: d.find_element(By.CSS_SELECTOR, selector).click() or True, what=selector)
+
+
+def click_cell(d, o, i):
+    click(d, '.cell[data-o="%d"][data-i="%d"]' % (o, i))
+
+
+class PanelCase(unittest.TestCase):
+    """The emulator (with emulator_options), the panel, and browsers on it."""
+    emulator_options = ("--outputs", "8", "--inputs", "8")
+    panel_options = ()
+
+    def setUp(self):
+        self.dir = tempfile.TemporaryDirectory()
+        self.emu = Emulator(*self.emulator_options)
+        self.panel = Panel(self.emu, self.dir.name, *self.panel_options)
+        self.browsers = []
+
+    def tearDown(self):
+        for b in self.browsers:
+            b.quit()
+        self.assertEqual(0, self.panel.stop())
+        self.emu.stop()
+        self.dir.cleanup()
+
+    def open(self):
+        d = browser()
+        self.browsers.append(d)
+        d.get(self.panel.url)
+        # Connected at the routing report that ends a synchronisation; the
+        # names come just after it.
+        until(lambda: d.find_element(By.ID, "link").text == "connected", what="connected")
+        until(lambda: d.find_elements(By.CSS_SELECTOR, ".cell"), what="the grid")
+        return d
+
+
+class PanelTest(PanelCase):
+    def test_names_and_routes_after_synchronisation(self):
+        d = self.open()
+        self.assertEqual("Emulated Switcher", d.find_element(By.ID, "model").text)
+        self.assertEqual("8 inputs, 8 outputs", d.find_element(By.ID, "counts").text)
+        rows = [e.text for e in d.find_elements(By.CSS_SELECTOR, ".rowhead .name")]
+        self.assertEqual(["OUT %d" % n for n in range(1, 9)], rows)
+        lit = {(int(c.get_attribute("data-o")), int(c.get_attribute("data-i")))
+               for c in d.find_elements(By.CSS_SELECTOR, ".cell.lit")}
+        self.assertEqual({(n, n) for n in range(8)}, lit)
+        if os.environ.get("PANEL_SCREENSHOT"):  # the README's picture, from this real run
+            d.set_window_size(1000, 640)
+            click_cell(d, 2, 5)
+            click(d, '.lock[data-o="6"]')
+            until(lambda: d.find_elements(By.CSS_SELECTOR, '.lock.on[data-o="6"]'), what="lock")
+            d.save_screenshot(os.environ["PANEL_SCREENSHOT"])
+
+
+    def test_locked_destination_refuses_takes_from_any_browser(self):
+        first, second = self.open(), self.open()
+        click(first, '.lock[data-o="3"]')
+        until(lambda: second.find_elements(By.CSS_SELECTOR, '.lock.on[data-o="3"]'), what="lock")
+        second.find_element(By.ID, "hot").click()
+        click_cell(second, 3, 6)
+        until(lambda: "locked" in second.find_element(By.ID, "message").text, what="refusal")
+        # Past the page's own check, the panel refuses it too.
+        status = second.execute_script(
+            "return fetch('/take', {method: 'POST', headers: {'X-Panel-Secret': "
+            "document.querySelector('meta[name=panel-secret]').content}, "
+            "body: JSON.stringify({takes: [{output: 3, input: 6}]})}).then(r => r.status)")
+        self.assertEqual(409, status)
+        second.refresh()
+        until(lambda: second.find_elements(By.CSS_SELECTOR, '.lock.on[data-o="3"]'), what="kept")
+        time.sleep(1)
+        self.assertEqual([], self.emu.received("TI"))
+
+    def test_salvo_reaches_the_switcher_as_one_batch(self):
+        d = self.open()
+        for o, i in ((6, 0), (1, 2), (4, 7)):
+            click_cell(d, o, i)
+        d.find_element(By.ID, "take").click()
+        for o, i in ((6, 0), (1, 2), (4, 7)):
+            until(lambda: cell(d, o, i, ".lit"), what="lit")
+        frames = [l[5:] for l in self.emu.log if l.startswith("recv ")]
+        first = frames.index("TI 2 3")
+        self.assertEqual(["TI 2 3", "TI 5 8", "TI 7 1"], frames[first:first + 3])
+
+    def test_rename_shows_without_reload_and_lost_link_comes_back(self):
+        d = self.open()
+        self.emu.control("rename output 2 Studio B")
+        until(lambda: "Studio B" in [e.text for e in d.find_elements(By.CSS_SELECTOR, ".rowhead .name")],
+              what="rename")
+        self.emu.control("drop")
+        until(lambda: d.find_element(By.ID, "link").text == "lost", what="lost")
+        until(lambda: d.find_element(By.ID, "link").text == "connected", what="connected again")
+
+    def test_changes_from_elsewhere_are_refused(self):
+        d = self.open()
+        # A page of another origin posts to the panel, as a site open in the
+        # same browser could; and requests without the secret, or naming
+        # another host, as a rebound name would.
+        other = http.server.ThreadingHTTPServer(("127.0.0.1", 0), http.server.SimpleHTTPRequestHandler)
+        threading.Thread(target=other.serve_forever, daemon=True).start()
+        try:
+            d.get("http://127.0.0.1:%d/" % other.server_address[1])
+            d.execute_script(
+                "fetch(arguments[0] + 'take', {method: 'POST', mode: 'no-cors', "
+                "body: JSON.stringify({takes: [{output: 1, input: 1}]})})", self.panel.url)
+        finally:
+            other.shutdown()
+        host = self.panel.url.split("/")[2]
+        cases = [({"Origin": "http://evil.example"}, 403),
+                 ({"Origin": "http://" + host}, 403),
+                 ({"Host": "evil.example", "X-Panel-Secret": "x"}, 403)]
+        for headers, status in cases:
+            req = urllib.request.Request(self.panel.url + "take", method="POST", headers=headers,
+                                         data=b'{"takes":[{"output":1,"input":1}]}')
+            with self.assertRaises(urllib.error.HTTPError) as refused:
+                urllib.request.urlopen(req, timeout=10)
+            self.assertEqual(status, refused.exception.code, headers)
+        time.sleep(1)
+        self.assertEqual([], self.emu.received("TI"))
+
+
+class SlowSwitcherPanelTest(PanelCase):
+    """Answers 80 ms late (under the handshake's 100 ms resend): a take stays
+    pending long enough to be seen."""
+    emulator_options = ("--outputs", "8", "--inputs", "8", "--delay", "80")
+
+    def test_armed_then_enter_is_pending_then_lit(self):
+        d = self.open()
+        click_cell(d, 2, 5)
+        self.assertTrue(cell(d, 2, 5, ".armed"))
+        d.find_element(By.TAG_NAME, "body").send_keys(Keys.ENTER)
+        until(lambda: cell(d, 2, 5, ".pending"), what="pending")
+        self.assertFalse(cell(d, 2, 5, ".lit"))
+        until(lambda: cell(d, 2, 5, ".lit"), what="lit")
+        self.assertFalse(cell(d, 2, 5, ".pending"))
+        self.assertEqual(["TI 3 6"], self.emu.received("TI"))
+
+    def test_hot_take_is_pending_then_lit_and_a_second_browser_sees_it(self):
+        first, second = self.open(), self.open()
+        first.find_element(By.ID, "hot").click()
+        click_cell(first, 4, 1)
+        until(lambda: cell(second, 4, 1, ".pending"), what="pending in the other browser")
+        for d in (first, second):
+            until(lambda: cell(d, 4, 1, ".lit"), what="lit in both")
+        self.assertEqual(["TI 5 2"], self.emu.received("TI"))
+
+
+class TokenPanelTest(PanelCase):
+    """With a token, nothing is served without it; the page carries it."""
+    panel_options = ("--token", "t0ken")
+
+    def test_every_request_needs_the_token(self):
+        bare = self.panel.url.split("?")[0]
+        for path in ("", "events"):
+            with self.assertRaises(urllib.error.HTTPError) as refused:
+                urllib.request.urlopen(bare + path, timeout=10)
+            self.assertEqual(401, refused.exception.code)
+        self.assertTrue(self.panel.url.endswith("?token=t0ken"))
+        d = self.open()
+        d.find_element(By.ID, "hot").click()
+        click_cell(d, 1, 6)
+        until(lambda: cell(d, 1, 6, ".lit"), what="lit")
+
+
+class BackendEndTest(unittest.TestCase):
+    def test_backend_that_cannot_start_ends_the_panel_with_one(self):
+        panel = subprocess.Popen([PANEL, "--backend", BACKEND, "--file", "/nonexistent.cfg"],
+                                 stdout=subprocess.PIPE, text=True)
+        self.assertTrue(panel.stdout.readline().startswith("http://127.0.0.1:"))
+        self.assertEqual(1, panel.wait(20))
+
+
+class LargePanelTest(PanelCase):
+    emulator_options = ("--outputs", "1024", "--inputs", "1024")
+
+    def test_filter_and_enter_take_on_a_large_router(self):
+        d = self.open()
+        # The backend's tables hold switcher numbers up to 1023: from 1, 1023 of them.
+        until(lambda: d.find_elements(By.CSS_SELECTOR, '.dest-item[data-o="1022"]'), what="names")
+        self.assertLess(len(d.find_elements(By.CSS_SELECTOR, ".cell")), 5000)  # only what shows
+        box = d.find_element(By.ID, "dest-filter")
+        box.send_keys("OUT 200")
+        box.send_keys(Keys.ENTER)
+        box = d.find_element(By.ID, "src-filter")
+        box.send_keys("CAM 77")
+        box.send_keys(Keys.ENTER)
+        until(lambda: self.emu.received("TI C8 4D"), what="the take")
+        until(lambda: re.search(r"OUT 200 \u2190 CAM 77", d.find_element(By.ID, "dest-list").text),
+              what="routed")
+
+
+if __name__ == "__main__":
+    PANEL, BACKEND, EMULATOR = sys.argv[1:4]
+    unittest.main(argv=[sys.argv[0]] + sys.argv[4:], verbosity=2)
