@@ -109,7 +109,7 @@ std::string hub_request_salvo(const panel_salvo& salvo) {
   if (salvo.empty()) return "no take: arm a crosspoint first";
   const std::lock_guard<std::mutex> lock(mutex);
   for (const auto& [output, input] : salvo) {
-    const std::string why = model_check_take(model, output, input);
+    std::string why = model_check_take(model, output, input);
     if (!why.empty()) return why;
   }
   salvos.push_back(salvo);
@@ -120,7 +120,7 @@ std::string hub_request_salvo(const panel_salvo& salvo) {
 
 std::string hub_request_lock(long output, bool locked) {
   const std::lock_guard<std::mutex> lock(mutex);
-  const std::string why = model_check_lock(model, output);
+  std::string why = model_check_lock(model, output);
   if (!why.empty()) return why;
   publish(model_set_lock(model, output, locked));
   return "";

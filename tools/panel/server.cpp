@@ -17,7 +17,7 @@ namespace {
 
 using json = nlohmann::json;
 
-constexpr std::size_t max_body_bytes = 64 * 1024;
+constexpr std::size_t max_body_bytes = std::size_t{64} * 1024;
 constexpr int keepalive_ms = 15000;  // a comment on a quiet stream, so a gone browser shows
 constexpr std::size_t worker_threads = 64;  // each open stream holds one
 
