@@ -1,7 +1,7 @@
 // The console driven through pipes, as a script drives it, against the
-// emulator: takes by number and by name, the routes table after a take and
-// after a rename on the switcher, refused lines, error replies, and the
-// backend ending under it.
+// emulator: takes by number and by name before and after synchronising, the
+// routes table after takes and renames on the switcher, refused lines, error
+// replies, and the backend and the emulator ending under it.
 #include <algorithm>
 #include <cstdlib>
 
@@ -27,43 +27,6 @@ class ConsoleTest : public SystemTest {
   }
   child_process console_;  // stopped first: it stops its backend itself
 };
-
-TEST_F(ConsoleTest, TakesByNumberAndNameAndShowsRoutesAfterTakesAndRenames) {
-  StartEmulator({"--outputs", "4", "--inputs", "8"});
-  StartConsole();
-  Type("wait\ntake 2 5\ntake \"OUT 4\" \"CAM 1\"\n");
-  EXPECT_NE("", Until("ok: add o2 OUT 3 <- i5 CAM 6 (id 1)"));
-  EXPECT_NE("", Until("ok: add o3 OUT 4 <- i0 CAM 1 (id 3)"));
-  // The switcher's answer comes back through status polling.
-  EXPECT_NE("", Until("o2 OUT 3 <- i5 CAM 6"));
-  EXPECT_NE("", Until("o3 OUT 4 <- i0 CAM 1"));
-  Type("show routes\n");
-  EXPECT_EQ(
-      "> show routes\n"
-      " OUT  NAME     IN  NAME\n"
-      "   0  OUT 1     0  CAM 1\n"
-      "   1  OUT 2     1  CAM 2\n"
-      "   2  OUT 3     5  CAM 6\n"
-      "   3  OUT 4     0  CAM 1\n",
-      Until("   3  OUT 4"));
-
-  // Renames on the switcher's panel: the console shows the names reports
-  // as they come, and its table follows.
-  child_write(emu_, "rename output 4 Studio D\n");
-  EXPECT_NE("", Until("outputs: 4 names"));
-  child_write(emu_, "rename input 1 Mic\n");
-  EXPECT_NE("", Until("inputs: 8 names"));
-  Type("show routes\n");
-  const std::string table = Until("   3  Studio D");
-  EXPECT_NE(std::string::npos, table.find("   1  OUT 2        1  CAM 2\n")) << table;
-  EXPECT_NE(std::string::npos, table.find("   3  Studio D     0  Mic\n")) << table;
-  // A take by the new names; end of input then ends the backend and the
-  // console, which saw no error.
-  Type("take \"Studio D\" 7\n");
-  EXPECT_NE("", Until("ok: flush (id 6)"));
-  EXPECT_EQ(0, End());
-  EXPECT_NE(std::string::npos, console_.out_buf.find("backend stopped: exit status 0\n"));
-}
 
 TEST_F(ConsoleTest, RefusesBadLinesWithOneErrorEachAndShowsErrorReplies) {
   StartEmulator({"--outputs", "4", "--inputs", "4"});
@@ -99,6 +62,17 @@ TEST_F(ConsoleTest, RefusesBadLinesWithOneErrorEachAndShowsErrorReplies) {
   EXPECT_EQ(1, End());
 }
 
+// The row of "show routes" that starts with start, the blanks that align
+// the names set aside.
+std::string row(const std::string& table, const std::string& start) {
+  std::size_t at = table.find("\n" + start);
+  if (at++ == std::string::npos) return "none";
+  std::string line = table.substr(at, table.find('\n', at) - at);
+  line.erase(std::unique(line.begin(), line.end(), [](char a, char b) { return a == ' ' && b == ' '; }),
+             line.end());
+  return line;
+}
+
 // A script may start before the synchronisation: positions and names wait
 // for the reports that give them. Routes come in the outputs' order, and
 // "wait routes" waits until the switcher confirms every take sent.
@@ -114,23 +88,29 @@ TEST_F(ConsoleTest, ScriptTakesBeforeSynchronisationAndWaitsForItsTakes) {
   EXPECT_LT(lines.find("o9 OUT 10 <- i9 CAM 10\n"), lines.find("o10 OUT 11 <- i10 CAM 11\n"));
   EXPECT_LT(lines.find("o0 OUT 1 <- i0 CAM 1\n"), lines.find("o1 Say \"Hi\" <- i1 CAM 2\n"));
   const std::string table = Until("  11  OUT 12");
-  // The rows of outputs 4 and 10, the blanks that align the names set aside.
-  const auto row = [&table](const std::string& start) {
-    const std::size_t at = table.find(start);
-    if (at == std::string::npos) return std::string("none");
-    std::string line = table.substr(at, table.find('\n', at) - at);
-    line.erase(std::unique(line.begin(), line.end(), [](char a, char b) { return a == ' ' && b == ' '; }),
-               line.end());
-    return line;
-  };
-  EXPECT_EQ(" 4 OUT 5 9 CAM 10", row("   4  ")) << table;
-  EXPECT_EQ(" 10 OUT 11 1 CAM 2", row("  10  ")) << table;
+  // The names' column is as wide as the longest name, Say "Hi".
+  EXPECT_NE(std::string::npos, table.find("\n OUT  NAME        IN  NAME\n")) << table;
+  EXPECT_EQ(" 4 OUT 5 9 CAM 10", row(table, "   4  ")) << table;
+  EXPECT_EQ(" 10 OUT 11 1 CAM 2", row(table, "  10  ")) << table;
 
   // A name two outputs carry is refused; a backslash keeps a quote.
   Type("add \"OUT 1\" 0\ntake \"Say \\\"Hi\\\"\" 3\n");
   EXPECT_NE("", Until("error: outputs 0 and 2 are both named \"OUT 1\": give the position"));
   EXPECT_NE("", Until("ok: add o1 Say \"Hi\" <- i3 CAM 4 (id 5)"));
-  EXPECT_EQ(1, End());
+
+  // Renames on the switcher's panel: the console shows the names reports as
+  // they come, its table follows, and the new names take.
+  child_write(emu_, "rename output 4 Studio D\n");
+  EXPECT_NE("", Until("outputs: 12 names"));
+  child_write(emu_, "rename input 1 Mic\n");
+  EXPECT_NE("", Until("inputs: 12 names"));
+  Type("show routes\ntake \"Studio D\" Mic\n");
+  const std::string renamed = Until("  11  OUT 12");
+  EXPECT_EQ(" 0 OUT 1 0 Mic", row(renamed, "   0  ")) << renamed;
+  EXPECT_EQ(" 3 Studio D 3 CAM 4", row(renamed, "   3  ")) << renamed;
+  EXPECT_NE("", Until("ok: add o3 Studio D <- i0 Mic (id 7)"));
+  EXPECT_EQ(1, End());  // for the refused line
+  EXPECT_NE(std::string::npos, console_.out_buf.find("backend stopped: exit status 0\n"));
 }
 
 // Short scripts against the emulator of --emulator: what each line says, and
