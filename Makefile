@@ -89,23 +89,25 @@ SOAK_SEED ?= 1
 soak: build
 	./build/dev/tools/soak --seconds $(SOAK_SECONDS) --seed $(SOAK_SEED)
 
-# Micro-benchmarks and end-to-end runs against the switcher emulator, printed
-# as one table (bench/RESULTS.md holds a saved run). The build log is shown
+# The bench build (optimised, with debug information); its log is shown
 # only when the build fails.
-bench:
+.PHONY: bench-build
+bench-build:
 	@$(SETUP) bench
 	@cmake --preset bench >/dev/null
 	@cmake --build --preset bench >build/bench-build.log 2>&1 || { cat build/bench-build.log; exit 1; }
+
+# Micro-benchmarks and end-to-end runs against the switcher emulator, printed
+# as one table (bench/RESULTS.md holds a saved run).
+bench: bench-build
 	@build/bench/bench/zeph_bench
 
 # The crosspoint panel in headless Chromium on the bench build: page ready
 # with 1024 x 1024 names, routing report to lit cell, idle CPU with five
 # browsers. Prints one table (bench/RESULTS.md holds a saved run).
 .PHONY: bench-panel
-bench-panel:
-	@$(SETUP) bench test
-	@cmake --preset bench >/dev/null
-	@cmake --build --preset bench >build/bench-build.log 2>&1 || { cat build/bench-build.log; exit 1; }
+bench-panel: bench-build
+	@$(SETUP) test
 	@/usr/bin/python3 bench/panel_bench.py build/bench/tools/zeph_route_panel \
 	  build/bench/zeph_route_grass_valley build/bench/tools/switcher_emulator
 

@@ -29,6 +29,12 @@
 
 namespace {
 
+// The records a stream gave, and how many it dropped.
+struct stream_run {
+  std::vector<parent_message> records;
+  std::size_t drops = 0;
+};
+
 bool record_empty(const parent_message& m) {
   return m.command.empty() && m.error.empty() && m.type.empty() && m.id.empty() &&
          m.fields.empty();
@@ -40,13 +46,8 @@ bool record_empty(const parent_message& m) {
 // take it past limit drops it, and the lines up to the next empty one are
 // skipped. Lines without "=" count too, but an empty line after nothing but
 // them starts the count afresh.
-struct model_run {
-  std::vector<parent_message> records;
-  std::size_t drops = 0;
-};
-
-model_run model_read(std::string_view text, std::size_t limit) {
-  model_run run;
+stream_run model_read(std::string_view text, std::size_t limit) {
+  stream_run run;
   parent_message m;
   std::size_t used = 0;
   bool skipping = false;
@@ -79,16 +80,10 @@ model_run model_read(std::string_view text, std::size_t limit) {
   return run;
 }
 
-// What the reader made of a stream.
-struct reader_run {
-  std::vector<parent_message> records;
-  std::size_t drops = 0;
-};
-
-reader_run read_with_limit(std::string_view text, std::size_t limit) {
+stream_run read_with_limit(std::string_view text, std::size_t limit) {
   parent_record_reader r;
   r.limit = limit;
-  reader_run run;
+  stream_run run;
   for (char c : text) {
     switch (parent_reader_take(r, c)) {
       case parent_read_result::complete:
@@ -121,8 +116,8 @@ std::string serialised(const parent_message& m) {
 }
 
 void check_unbounded(std::string_view input) {
-  const reader_run run = read_with_limit(input, parent_record_max_bytes);
-  const model_run model = model_read(input, parent_record_max_bytes);
+  const stream_run run = read_with_limit(input, parent_record_max_bytes);
+  const stream_run model = model_read(input, parent_record_max_bytes);
   FUZZ_CHECK(run.drops == 0 && model.drops == 0);
   FUZZ_CHECK(same_records(run.records, model.records));
   std::string text;
@@ -136,8 +131,8 @@ void check_unbounded(std::string_view input) {
 void check_bounded(std::string_view input) {
   if (input.empty()) return;
   const std::size_t limit = 1 + static_cast<unsigned char>(input[0]) % 128;
-  const reader_run run = read_with_limit(input, limit);
-  const model_run model = model_read(input, limit);
+  const stream_run run = read_with_limit(input, limit);
+  const stream_run model = model_read(input, limit);
   FUZZ_CHECK(run.drops == model.drops);
   FUZZ_CHECK(same_records(run.records, model.records));
   for (const parent_message& m : run.records) {

@@ -171,7 +171,6 @@ void update_levels_info(const std::vector<router_message>& response) {
   });
 }
 
-
 void update_route_status(const std::vector<router_message>& response) {
   for (const router_message& msg : response) {
     if (!router_request_is(msg, "IQ") || !msg.ok || msg.parameters.size() < 5) continue;

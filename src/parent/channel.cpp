@@ -71,7 +71,7 @@ int read_step() {
   }
   // Flow control: the parent's bytes wait in the pipe until it has read
   // enough of ours.
-  if (unwritten() >= parent_output_high_water) return 0;
+  if (parent_input_held()) return 0;
   char c;
   const ssize_t n = read(in_fd, &c, 1);
   if (n == 0) return -1;

@@ -26,11 +26,6 @@ parent_read_result skip(parent_record_reader& r, char c) {
   return parent_read_result::more;
 }
 
-bool record_empty(const parent_message& m) {
-  return m.command.empty() && m.error.empty() && m.type.empty() && m.id.empty() &&
-         m.fields.empty();
-}
-
 }  // namespace
 
 parent_read_result parent_reader_take(parent_record_reader& r, char c) {
@@ -52,8 +47,9 @@ parent_read_result parent_reader_take(parent_record_reader& r, char c) {
   // An empty line. After a record holding only a type and an id it completes
   // nothing, and the lines that follow add to the same record.
   if (parent_message_complete(r.record)) return parent_read_result::complete;
-  // Lines the parser ignored left nothing behind: they start no record.
-  if (record_empty(r.record)) r.used = 0;
+  // Lines the parser ignored left nothing behind (not even a type or an id):
+  // they start no record.
+  if (r.record.type.empty() && r.record.id.empty()) r.used = 0;
   return parent_read_result::more;
 }
 

@@ -10,10 +10,10 @@
 #include "base/config.h"
 #include "base/flags.h"
 #include "model/route_change.h"
-#include "service/route_status.h"
 #include "parent/channel.h"
 #include "router/connection.h"
 #include "service/route_queue.h"
+#include "service/route_status.h"
 
 // Every handler below copies what it needs from the request before it calls
 // anything that may pump the parent channel: a nested pump clears the record

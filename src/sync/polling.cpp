@@ -8,12 +8,12 @@
 #include "base/config.h"
 #include "base/diag.h"
 #include "base/flags.h"
-#include "service/route_status.h"
 #include "model/tables.h"
 #include "router/connection.h"
 #include "router/exchange.h"
 #include "router/protocol.h"
 #include "router/receive.h"
+#include "service/route_status.h"
 
 namespace {
 

@@ -9,12 +9,12 @@
 #include "base/config.h"
 #include "base/diag.h"
 #include "base/flags.h"
-#include "service/route_status.h"
 #include "model/tables.h"
 #include "router/connection.h"
 #include "router/exchange.h"
 #include "service/reports.h"
 #include "service/route_queue.h"
+#include "service/route_status.h"
 #include "sync/polling.h"
 
 namespace {

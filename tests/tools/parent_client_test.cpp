@@ -83,9 +83,9 @@ TEST(ParentClientTest, ReportsBecomeTablesAndRoutingReportsListChanges) {
   EXPECT_EQ(2, changes[2].after);
   EXPECT_EQ((std::map<long, long>{{0, 3}, {1, 2}}), t.routes);
   EXPECT_EQ(3, tables_count(t, "outputs"));
-  EXPECT_EQ(1, tables_find(t, true, "Studio B"));
-  EXPECT_EQ(3, tables_find(t, false, "Mic"));
-  EXPECT_EQ(-1, tables_find(t, false, "Studio B"));
+  EXPECT_EQ(std::vector<long>{1}, tables_named(t, true, "Studio B"));
+  EXPECT_EQ(std::vector<long>{3}, tables_named(t, false, "Mic"));
+  EXPECT_TRUE(tables_named(t, false, "Studio B").empty());
   // A names report lists the whole table: names it leaves out are gone.
   tables_apply(t, record("inputs", {"i0.name=CAM 1"}), changes);
   EXPECT_EQ("", tables_name(t, false, 3));

@@ -4,7 +4,6 @@
 // (--emulator), and takes one command a line from a terminal or a script.
 #include <unistd.h>
 
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -33,31 +32,6 @@ bool wants_help(int argc, char** argv) {
     if (a == "-h" || a == "--help") return true;
   }
   return false;
-}
-
-// The directory of this program, for the programs installed or built beside it.
-std::string own_directory() {
-  char path[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return ".";
-  const std::string self(path, static_cast<std::size_t>(n));
-  return self.substr(0, self.find_last_of('/'));
-}
-
-// name beside this program, one directory up (the build tree keeps the
-// backend there), or on PATH; name itself when none is found.
-std::string find_program(const std::string& name) {
-  const std::string here = own_directory();
-  std::string dirs = here + ":" + here + "/..";
-  if (const char* path = std::getenv("PATH")) dirs += std::string(":") + path;
-  for (std::size_t start = 0; start <= dirs.size();) {
-    std::size_t end = dirs.find(':', start);
-    if (end == std::string::npos) end = dirs.size();
-    std::string candidate = dirs.substr(start, end - start) + "/" + name;
-    if (end > start && access(candidate.c_str(), X_OK) == 0) return candidate;
-    start = end + 1;
-  }
-  return name;
 }
 
 bool parse_options(int argc, char** argv, console_options& o) {
@@ -89,8 +63,8 @@ int main(int argc, char** argv) {
     std::fputs(usage_text, stderr);
     return 2;
   }
-  if (o.backend.empty()) o.backend = find_program("zeph_route_grass_valley");
-  if (o.use_emulator) o.emulator = find_program("switcher_emulator");
+  if (o.backend.empty()) o.backend = child_find_program("zeph_route_grass_valley");
+  if (o.use_emulator) o.emulator = child_find_program("switcher_emulator");
   terminal_open(isatty(STDIN_FILENO) == 1);
   if (!session_start(o)) {
     terminal_close();

@@ -4,12 +4,10 @@
 // that shows the switcher's routes live and routes from the browser.
 #include <unistd.h>
 
-#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -48,32 +46,7 @@ struct panel_options {
   bool use_emulator = false;
   std::vector<std::string> emulator_options;
   server_options listen;
-  bool token_given = false;
 };
-
-std::string own_directory() {
-  char path[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return ".";
-  const std::string self(path, static_cast<std::size_t>(n));
-  return self.substr(0, self.find_last_of('/'));
-}
-
-// name beside this program, one directory up (the build tree keeps the
-// backend there), or on PATH; name itself when none is found.
-std::string find_program(const std::string& name) {
-  const std::string here = own_directory();
-  std::string dirs = here + ":" + here + "/..";
-  if (const char* path = std::getenv("PATH")) dirs += std::string(":") + path;
-  for (std::size_t start = 0; start <= dirs.size();) {
-    std::size_t end = dirs.find(':', start);
-    if (end == std::string::npos) end = dirs.size();
-    std::string candidate = dirs.substr(start, end - start) + "/" + name;
-    if (end > start && access(candidate.c_str(), X_OK) == 0) return candidate;
-    start = end + 1;
-  }
-  return name;
-}
 
 bool parse_listen(const std::string& text, server_options& s) {
   const std::size_t colon = text.rfind(':');
@@ -106,7 +79,6 @@ int parse_options(int argc, char** argv, panel_options& o) {
       o.backend = argv[++i];
     } else if (opt == "--token" && has_value) {
       o.listen.token = argv[++i];
-      o.token_given = true;
     } else if (!(opt == "--listen" && has_value && parse_listen(argv[++i], o.listen))) {
       std::fputs(usage_text, stderr);
       return 2;
@@ -117,13 +89,6 @@ int parse_options(int argc, char** argv, panel_options& o) {
     return 2;
   }
   return -1;
-}
-
-std::string made_up_token() {
-  std::random_device rd;
-  std::string t;
-  for (int i = 0; i < 4; ++i) t += std::to_string(rd() % 1000000);
-  return t;
 }
 
 // Sends each salvo as the backend's queue wants it: an "add" per take, then
@@ -160,12 +125,8 @@ int main(int argc, char** argv) {
   panel_options o;
   const int status = parse_options(argc, argv, o);
   if (status >= 0) return status;
-  if (o.backend.empty()) o.backend = find_program("zeph_route_grass_valley");
-  if (o.use_emulator) o.emulator = find_program("switcher_emulator");
-  // Only a loopback panel may go without a token: anything else can route.
-  if (o.listen.host.rfind("127.", 0) != 0 && o.listen.token.empty()) {
-    o.listen.token = made_up_token();
-  }
+  if (o.backend.empty()) o.backend = child_find_program("zeph_route_grass_valley");
+  if (o.use_emulator) o.emulator = child_find_program("switcher_emulator");
   for (int sig : {SIGINT, SIGTERM, SIGHUP}) std::signal(sig, on_signal);
 
   child_process emulator;

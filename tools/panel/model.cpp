@@ -14,6 +14,14 @@ long count(const panel_model& m, const char* which) {
   return std::max(0L, tables_count(m.tables, which));
 }
 
+// Why an output or input position is not one of the active ones; "" when it is.
+std::string out_of_range(const panel_model& m, const std::string& what, long position) {
+  const long n = count(m, (what + "s").c_str());
+  if (position >= 0 && position < n) return "";
+  return what + " " + std::to_string(position) + " is not one of the " + std::to_string(n) +
+         " active " + what + "s";
+}
+
 json names(const std::map<long, std::string>& table) {
   json list = json::array();
   for (const auto& [position, name] : table) {
@@ -157,16 +165,10 @@ panel_events model_backend_ended(panel_model& m, const std::string& how) {
 }
 
 std::string model_check_take(const panel_model& m, long output, long input) {
-  if (output < 0 || output >= count(m, "outputs")) {
-    return "output " + std::to_string(output) + " is not one of the " +
-           std::to_string(count(m, "outputs")) + " active outputs";
-  }
-  if (input < 0 || input >= count(m, "inputs")) {
-    return "input " + std::to_string(input) + " is not one of the " +
-           std::to_string(count(m, "inputs")) + " active inputs";
-  }
-  if (m.locks.count(output) != 0) return "output " + std::to_string(output) + " is locked";
-  return "";
+  std::string why = out_of_range(m, "output", output);
+  if (why.empty()) why = out_of_range(m, "input", input);
+  if (why.empty() && m.locks.count(output) != 0) why = "output " + std::to_string(output) + " is locked";
+  return why;
 }
 
 panel_events model_takes_sent(panel_model& m, const std::map<long, long>& takes, us_time_t now) {
@@ -175,11 +177,7 @@ panel_events model_takes_sent(panel_model& m, const std::map<long, long>& takes,
 }
 
 std::string model_check_lock(const panel_model& m, long output) {
-  if (output < 0 || output >= count(m, "outputs")) {
-    return "output " + std::to_string(output) + " is not one of the " +
-           std::to_string(count(m, "outputs")) + " active outputs";
-  }
-  return "";
+  return out_of_range(m, "output", output);
 }
 
 panel_events model_set_lock(panel_model& m, long output, bool locked) {

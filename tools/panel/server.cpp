@@ -82,6 +82,15 @@ httplib::Server::HandlerResponse check(const httplib::Request& req, httplib::Res
   return handled::Unhandled;
 }
 
+// The hub's answer to a change: ok, or why not (409 when an output is locked).
+void answer(httplib::Response& res, const std::string& why) {
+  if (why.empty()) {
+    res.set_content("{\"ok\":true}\n", "application/json");
+  } else {
+    refuse(res, why.find("locked") != std::string::npos ? 409 : 400, why);
+  }
+}
+
 // A position from a JSON body: a whole number, or -1.
 long position(const json& body, const char* name) {
   const auto it = body.find(name);
@@ -103,12 +112,7 @@ void take(const httplib::Request& req, httplib::Response& res) {
     }
     salvo[position(t, "output")] = position(t, "input");
   }
-  const std::string why = hub_request_salvo(salvo);
-  if (!why.empty()) {
-    refuse(res, why.find("locked") != std::string::npos ? 409 : 400, why);
-    return;
-  }
-  res.set_content("{\"ok\":true}\n", "application/json");
+  answer(res, hub_request_salvo(salvo));
 }
 
 void lock(const httplib::Request& req, httplib::Response& res) {
@@ -118,12 +122,7 @@ void lock(const httplib::Request& req, httplib::Response& res) {
     refuse(res, 400, "the body must be {\"output\": N, \"locked\": true or false}");
     return;
   }
-  const std::string why = hub_request_lock(position(body, "output"), body["locked"].get<bool>());
-  if (!why.empty()) {
-    refuse(res, 400, why);
-    return;
-  }
-  res.set_content("{\"ok\":true}\n", "application/json");
+  answer(res, hub_request_lock(position(body, "output"), body["locked"].get<bool>()));
 }
 
 void page(const httplib::Request&, httplib::Response& res) {
@@ -178,12 +177,14 @@ std::string reason_for(int status) {
 
 }  // namespace
 
-int server_start(const server_options& o) {
+int server_start(server_options& o) {
   in_addr addr{};
   if (inet_aton(o.host.c_str(), &addr) == 0) {
     std::fprintf(stderr, "zeph_route_panel: %s is not a numeric IPv4 address\n", o.host.c_str());
     return -1;
   }
+  const bool loopback = o.host.rfind("127.", 0) == 0;
+  if (!loopback && o.token.empty()) o.token = random_hex(12);
   secret = random_hex(16);
   token = o.token;
   server = std::make_unique<httplib::Server>();
@@ -205,7 +206,7 @@ int server_start(const server_options& o) {
   }
   const std::string p = ":" + std::to_string(port);
   hosts = {o.host + p};
-  if (o.host.rfind("127.", 0) == 0) hosts.push_back("localhost" + p);
+  if (loopback) hosts.push_back("localhost" + p);
   listener = std::thread([] { server->listen_after_bind(); });
   return port;
 }

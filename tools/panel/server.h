@@ -16,8 +16,9 @@ struct server_options {
 };
 
 // Binds and starts serving; returns the port, or -1 (with a line on standard
-// error) when it cannot listen.
-[[nodiscard]] int server_start(const server_options& o);
+// error) when it cannot listen. Only a loopback panel may go without a token,
+// as anything else can route: elsewhere one is made up into o.token.
+[[nodiscard]] int server_start(server_options& o);
 
 // Stops serving and waits for the server's threads.
 void server_stop();

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -86,9 +87,33 @@ bool wait_reaped(child_process& c, int timeout_ms) {
   return child_wait([&c] { return c.reaped; }, timeout_ms);
 }
 
+// The directory of the running program, for the programs built or installed
+// beside it.
+std::string own_directory() {
+  char path[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (n <= 0) return ".";
+  const std::string self(path, static_cast<std::size_t>(n));
+  return self.substr(0, self.find_last_of('/'));
+}
+
 }  // namespace
 
 child_process::~child_process() { child_stop(*this); }
+
+std::string child_find_program(const std::string& name) {
+  const std::string here = own_directory();
+  std::string dirs = here + ":" + here + "/..";
+  if (const char* path = std::getenv("PATH")) dirs += std::string(":") + path;
+  for (std::size_t start = 0; start <= dirs.size();) {
+    std::size_t end = dirs.find(':', start);
+    if (end == std::string::npos) end = dirs.size();
+    std::string candidate = dirs.substr(start, end - start) + "/" + name;
+    if (end > start && access(candidate.c_str(), X_OK) == 0) return candidate;
+    start = end + 1;
+  }
+  return name;
+}
 
 bool child_start(child_process& c, const std::string& path, const std::vector<std::string>& argv,
                  const std::string& stdout_path) {

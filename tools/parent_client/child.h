@@ -31,6 +31,10 @@ struct child_process {
   ~child_process();  // child_stop
 };
 
+// The program name found beside the running program, one directory up (the
+// build tree keeps the backend there) or on PATH; name itself when none is.
+[[nodiscard]] std::string child_find_program(const std::string& name);
+
 // Starts path with argv (argv[0] included) in a process group of its own, so
 // that a terminal's signals reach only us; it gets SIGTERM should we die.
 // A non-empty stdout_path makes its standard output that regular file. False,

@@ -80,13 +80,6 @@ long tables_count(const report_tables& t, const std::string& which) {
   return field == t.info.end() ? -1 : parse_position(field->second);
 }
 
-long tables_find(const report_tables& t, bool output, const std::string& name) {
-  for (const auto& [position, text] : output ? t.outputs : t.inputs) {
-    if (text == name) return position;
-  }
-  return -1;
-}
-
 std::vector<long> tables_named(const report_tables& t, bool output, const std::string& name) {
   std::vector<long> positions;
   for (const auto& [position, text] : output ? t.outputs : t.inputs) {

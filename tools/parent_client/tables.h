@@ -49,11 +49,8 @@ void tables_apply(report_tables& t, const parent_message& record, std::vector<ro
 // -1 before one arrived.
 [[nodiscard]] long tables_count(const report_tables& t, const std::string& which);
 
-// The position of the first input (outputs: false) or output (true) carrying
-// name, or -1 when no report holds it.
-[[nodiscard]] long tables_find(const report_tables& t, bool output, const std::string& name);
-
-// Every position of an input or output carrying name, in order.
+// Every position of an input (output: false) or output (true) carrying name,
+// in order; none when no report holds it.
 [[nodiscard]] std::vector<long> tables_named(const report_tables& t, bool output,
                                             const std::string& name);
 

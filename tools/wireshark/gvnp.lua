@@ -85,6 +85,14 @@ local function leading_hex(text)
   return digits == "" and 0 or tonumber(digits:sub(-8), 16)  -- kept modulo 2^32
 end
 
+-- The checksum a body's first covered bytes want: the two's complement of
+-- their sum, modulo 256.
+local function checksum_of(body, covered)
+  local sum = 0
+  for i = 1, covered do sum = sum + body:byte(i) end
+  return (256 - sum % 256) % 256
+end
+
 -- A checksum digit counts as its hexadecimal value; any other byte as 0.
 local function digit_value(c)
   return tonumber(c, 16) or 0
@@ -150,9 +158,7 @@ local function message(tree, tvb, start, n)
     tree:add_proto_expert_info(e.error, "Error " .. table.concat(words, " ", 2))
   end
 
-  local sum = 0
-  for i = 1, covered do sum = sum + body:byte(i) end
-  local want = (256 - sum % 256) % 256
+  local want = checksum_of(body, covered)
   local got = digit_value(body:sub(-2, -2)) * 16 + digit_value(body:sub(-1))
   local item = tree:add(f.checksum, tvb(start + covered, 2), got)
   if got == want then
@@ -255,9 +261,7 @@ local function good_message(body)
   end
   local covered = #body - 2
   if covered > 4 and body:sub(5, 5) ~= "\t" then return false end
-  local sum = 0
-  for i = 1, covered do sum = sum + body:byte(i) end
-  return (256 - sum % 256) % 256 == tonumber(body:sub(-2), 16)
+  return checksum_of(body, covered) == tonumber(body:sub(-2), 16)
 end
 
 -- Claims a conversation on any port for a segment that starts, within its
