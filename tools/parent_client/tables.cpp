@@ -13,13 +13,15 @@ long parse_position(const std::string& text) {
   return std::strtol(text.c_str(), nullptr, 10);
 }
 
-// Splits a field name "<prefix><position><suffix>"; -1 when it is not one.
+// Splits a field name "<prefix><position><suffix>"; -1 when it is not one or
+// names a position past the backend's tables.
 long field_position(const std::string& name, char prefix, const std::string& suffix) {
   if (name.size() <= suffix.size() + 1 || name[0] != prefix ||
       name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
     return -1;
   }
-  return parse_position(name.substr(1, name.size() - suffix.size() - 1));
+  const long position = parse_position(name.substr(1, name.size() - suffix.size() - 1));
+  return position < tables_max_positions ? position : -1;
 }
 
 void take_names(std::map<long, std::string>& table, char prefix, const parent_message& record) {

@@ -14,6 +14,9 @@
 inline constexpr long tables_no_input = -1;
 // The input of a route change for an output that no report had named yet.
 inline constexpr long tables_unknown = -2;
+// The backend's tables hold at most this many entries; a report field naming
+// a position past them is ignored, so no report can grow a table beyond it.
+inline constexpr long tables_max_positions = 1024;
 
 struct report_tables {
   std::map<std::string, std::string> info;  // the latest info report's fields
