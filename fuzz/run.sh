@@ -13,7 +13,7 @@ seconds=${2:-60}
 shift $(( $# < 2 ? $# : 2 ))
 here=$(cd "$(dirname "$0")" && pwd)
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(receive parent_record record_text config)
+[ ${#targets[@]} -gt 0 ] || targets=(receive parent_record record_text config panel_model)
 
 passed=0
 failed=0
