@@ -8,11 +8,16 @@ emulator; one Markdown table on standard output.
   routing report reaching the panel to its cell shown (takes on the
   emulator's panel; target p50 at most 50 ms on loopback);
 - idle CPU: the panel's CPU over 30 s with five browsers connected and
-  nothing happening but status polling (target at most 0.5 % of a core).
+  nothing happening but status polling (target at most 0.5 % of a core);
+- 100 idle event streams (raw sockets, from loopback addresses of their own):
+  the panel's CPU over 30 s and its resident memory, and how long a page
+  and a take then take beside them (target at most 1 s).
 
   panel_bench.py PANEL BACKEND EMULATOR
 """
 import os
+import re
+import socket
 import statistics
 import subprocess
 import sys
@@ -94,11 +99,43 @@ def idle_cpu(browsers=5, seconds=30):
     return 100 * used / seconds
 
 
+def idle_streams(streams=100, seconds=30):
+    directory, emu, panel = started(("--outputs", "16", "--inputs", "16"))
+    port = int(panel.port())
+    rss = lambda: pt.kib(panel.proc.pid, "VmRSS")  # noqa: E731
+    before = rss()
+    socks = []
+    for k in range(streams):
+        s = socket.socket()
+        s.bind(("127.0.0.%d" % (10 + k // 8), 0))
+        s.connect(("127.0.0.1", port))
+        s.sendall(b"GET /events HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n\r\n" % port)
+        socks.append(s)
+    time.sleep(5)
+    cpu = cpu_seconds(panel.proc.pid)
+    time.sleep(seconds)
+    cpu = cpu_seconds(panel.proc.pid) - cpu
+    grown = rss() - before
+    start = time.time()
+    page = pt.urllib.request.urlopen(panel.url, timeout=30).read().decode()
+    secret = re.search(r'panel-secret" content="(\w+)', page)[1]
+    take = pt.urllib.request.Request(panel.url + "take", method="POST", headers={"X-Panel-Secret": secret},
+                                     data=b'{"takes":[{"output":2,"input":5}]}')
+    pt.urllib.request.urlopen(take, timeout=30).read()
+    answered = time.time() - start
+    for s in socks:
+        s.close()
+    panel.stop()
+    emu.stop()
+    return 100 * cpu / seconds, grown, answered
+
+
 def main():
     pt.PANEL, pt.BACKEND, pt.EMULATOR = sys.argv[1:4]
     ready, runs = page_ready()
     lat = report_to_lit()
     cpu = idle_cpu()
+    stream_cpu, stream_kib, answered = idle_streams()
     p50, p90 = lat[len(lat) // 2], lat[int(len(lat) * 0.9)]
     met = lambda ok: "met" if ok else "MISSED"  # noqa: E731
     print("| Measurement | Result | Target | Verdict | Notes |")
@@ -109,6 +146,10 @@ def main():
           % (p50, p90, met(p50 <= 50), len(lat), lat[-1]))
     print("| panel's idle CPU, five browsers | %.2f %% of a core | <= 0.5 %% | %s | over 30 s, status polling only |"
           % (cpu, met(cpu <= 0.5)))
+    print("| 100 idle event streams | %.2f %% of a core, +%d KiB resident | - | - | over 30 s, status polling only |"
+          % (stream_cpu, stream_kib))
+    print("| page and take beside them | %.0f ms | <= 1000 ms | %s | page loaded, then a take answered |"
+          % (answered * 1000, met(answered <= 1)))
 
 
 if __name__ == "__main__":
