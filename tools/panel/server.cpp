@@ -255,7 +255,7 @@ ssize_t stream_read(void* cls, std::uint64_t, char* buf, std::size_t max) {
     return 0;
   }
   const std::size_t n = std::min(max, s->out.size());
-  std::memcpy(buf, s->out.data(), n);
+  (void)s->out.copy(buf, n);
   s->out.erase(0, n);
   s->last_write = monotonic_now_us();
   return static_cast<ssize_t>(n);
