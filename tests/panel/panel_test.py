@@ -146,6 +146,15 @@ def message(d):
     return d.find_element(By.ID, "message").text
 
 
+def post_take(d, takes):
+    """The status the panel answers a take with, posted from the page as it
+    would, past the page's own checks."""
+    return d.execute_script(
+        "return fetch('/take', {method: 'POST', headers: {'X-Panel-Secret': "
+        "document.querySelector('meta[name=panel-secret]').content}, body: JSON.stringify("
+        "{takes: arguments[0].map(([o, i]) => ({output: o, input: i}))})}).then(r => r.status)", takes)
+
+
 def wait_link(d, link):
     until(lambda: d.find_element(By.ID, "link").text == link, what="link " + link)
 
@@ -185,12 +194,7 @@ class PanelTest(PanelCase):
         until(lambda: "OUT 4 (3)" in message(second) and "locked" in message(second), what="refusal")
         self.assertTrue(cell(second, 1, 2, ".armed") and cell(second, 3, 6, ".armed"))
         # Past the page's own check, the panel refuses it too.
-        status = second.execute_script(
-            "return fetch('/take', {method: 'POST', headers: {'X-Panel-Secret': "
-            "document.querySelector('meta[name=panel-secret]').content}, "
-            "body: JSON.stringify({takes: [{output: 1, input: 2}, {output: 3, input: 6}]})})"
-            ".then(r => r.status)")
-        self.assertEqual(409, status)
+        self.assertEqual(409, post_take(second, [(1, 2), (3, 6)]))
         second.refresh()
         until(lambda: second.find_elements(By.CSS_SELECTOR, '.lock.on[data-o="3"]'), what="kept")
         time.sleep(1)
@@ -266,11 +270,7 @@ class OddNamesPanelTest(PanelCase):
         d.find_element(By.ID, "hot").click()
         click_cell(d, 1, 2)
         until(lambda: "lost" in message(d), what="hot take refused")
-        status = d.execute_script(
-            "return fetch('/take', {method: 'POST', headers: {'X-Panel-Secret': "
-            "document.querySelector('meta[name=panel-secret]').content}, "
-            "body: JSON.stringify({takes: [{output: 1, input: 2}]})}).then(r => r.status)")
-        self.assertEqual(409, status)
+        self.assertEqual(409, post_take(d, [(1, 2)]))
         self.emu = Emulator(*self.emulator_options, port=port)
         wait_link(d, "connected")
         time.sleep(2)
