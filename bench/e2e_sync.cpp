@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "harness.h"
+#include "router/link_texts.h"
 
 namespace {
 
@@ -28,8 +29,7 @@ struct sync_sample {
 long find_connect_line(const bench_session& s) {
   for (std::size_t i = 0; i < s.backend_log.lines.size(); ++i) {
     const std::string& text = s.backend_log.lines[i].text;
-    if (text.find("<NOTE>Trying to connect to router...") != std::string::npos ||
-        text.find("<NOTE>Connected to router, right away") != std::string::npos) {
+    if (link_line_is(text, link_trying) || link_line_is(text, link_connected_at_once)) {
       return static_cast<long>(i);
     }
   }

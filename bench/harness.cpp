@@ -37,7 +37,7 @@ void take_output(bench_session& s) {
 }
 
 std::string config_text(const bench_session& s) {
-  return "ip address = 127.0.0.1\nport = " + s.port + "\n";
+  return client_emulator_config(s.port);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -83,7 +84,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FUZZ_CHECK(valid_utf8(text));
   if (valid_utf8(input)) FUZZ_CHECK(text == input);
 
+  report_tables tables;
   panel_model m;
+  m.tables = &tables;
   parent_message record;
   us_time_t now = 1;
   std::size_t start = 0;
@@ -97,7 +100,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } else if (!line.empty() && line[0] == '<') {
       check_events(model_read_diag(m, line));
     } else if (line.empty()) {
-      check_events(model_read_record(m, record));
+      std::vector<route_seen> changes;
+      tables_apply(tables, record, changes);
+      check_events(model_read_record(m, record, changes));
       parent_message_clear(record);
     } else {
       parent_message_parse_line(record, line);

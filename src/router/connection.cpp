@@ -12,6 +12,7 @@
 #include "base/config.h"
 #include "base/diag.h"
 #include "base/flags.h"
+#include "router/link_texts.h"
 #include "router/protocol.h"
 #include "router/receive.h"
 
@@ -72,14 +73,14 @@ void start_attempt(us_time_t now) {
   }
   errno = 0;
   if (connect(sock, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) {
-    diag("<NOTE>Connected to router, right away\n");
+    diag("%s", link_connected_at_once);
     raise_flag(process_flag::sync_needed);
   } else if (errno == EINPROGRESS) {
     // The socket is non-blocking: the outcome is checked on later calls.
-    diag("<NOTE>Trying to connect to router...\n");
+    diag("%s", link_trying);
     connect_in_progress = true;
   } else {
-    diag("<ERR>Failed to connect to router, %s\n", std::strerror(errno));
+    diag(link_cannot_connect, std::strerror(errno));
     connection_close();
   }
 }
@@ -98,11 +99,11 @@ void check_connect_outcome() {
   socklen_t len = sizeof error;
   (void)getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &len);
   if (error == 0) {
-    diag("<NOTE>Connection sucessful.\n");
+    diag("%s", link_connected);
     connect_in_progress = false;
     raise_flag(process_flag::sync_needed);
   } else {
-    diag("<ERR>Connection failed, %s\n", std::strerror(error));
+    diag(link_connect_failed, std::strerror(error));
     connection_close();
   }
 }
@@ -164,7 +165,7 @@ void connection_close() {
   // reused meanwhile. So the socket counts as gone and the link is reset as
   // after a clean close.
   (void)close(sock);
-  diag("<NOTE>Connection to router closed\n");
+  diag("%s", link_closed);
   sock = -1;
   clear_flag(process_flag::sync_needed);
   receive_reset();

@@ -13,8 +13,7 @@ class ConsoleTest : public SystemTest {
  protected:
   // Starts the console on a configuration naming the emulator.
   void StartConsole() {
-    const std::string cfg =
-        dir_.write("c.cfg", "ip address = 127.0.0.1\nport = " + port_ + "\n");
+    const std::string cfg = dir_.write("c.cfg", client_emulator_config(port_));
     ASSERT_TRUE(child_start(console_, CONSOLE_PATH,
                             {"zeph_route_console", "--backend", DAEMON_PATH, "--file", cfg}));
   }

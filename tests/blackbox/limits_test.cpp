@@ -13,6 +13,7 @@
 
 #include "parent_client/client.h"
 #include "parent_client/temp_dir.h"
+#include "router/link_texts.h"
 
 namespace {
 
@@ -23,6 +24,7 @@ constexpr long tight_growth_kib = 3 * 1024;   // the same, where far less is exp
 
 // One backend against an emulator of its own.
 struct rig {
+  temp_dir dir;  // its configuration: each rig its own, as they start side by side
   child_process emu;
   parent_client backend;
   std::map<std::string, us_time_t> sent;  // request id -> when it was sent
@@ -38,12 +40,10 @@ void without_quarantine() {
   setenv("ASAN_OPTIONS", options.c_str(), 1);
 }
 
-void start(rig& r, temp_dir& dir, const std::string& name, const std::vector<std::string>& emu,
+void start(rig& r, const std::string& name, const std::vector<std::string>& emu,
            const std::vector<std::string>& wrapper = {}) {
-  const std::string port = client_start_emulator(r.emu, EMULATOR_PATH, emu, 15000);
-  ASSERT_FALSE(port.empty()) << name;
-  const std::string cfg =
-      dir.write(name + ".cfg", "ip address = 127.0.0.1\nport = " + port + "\n");
+  const std::string cfg = client_start_emulated(r.emu, EMULATOR_PATH, emu, r.dir, 15000);
+  ASSERT_FALSE(cfg.empty()) << name;
   ASSERT_TRUE(client_start(r.backend, DAEMON_PATH, {"--file", cfg}, wrapper)) << name;
 }
 
@@ -140,7 +140,7 @@ void check(const report_flood& f, const char* name) {
   expect_answered(f.r, f.reply_limit, name);
   expect_stack_flat(f.r, name);
   EXPECT_EQ("", diag_lines(f.r, "<ERR>")) << name;
-  EXPECT_EQ("<NOTE>Connection sucessful.\n", diag_lines(f.r, "<NOTE>Connection")) << name;
+  EXPECT_EQ(link_connected, diag_lines(f.r, "<NOTE>Connection")) << name;
   if (!f.take) return;
   us_time_t routed = 0;
   for (const client_record& rec : f.r.backend.records) {
@@ -297,12 +297,12 @@ TEST(ParentLimitsTest, FloodsAndAStalledParentCostNoTallyLinkStackOrMemory) {
   report_flood stacked{{}, 400 * ms, 150 * sec, 60 * sec, false};
   stalled_parent stalled;
   batch_flood batches;
-  start(loops.r, dir, "loops", late);
-  start(stacked.r, dir, "stacked", late, {"/usr/bin/prlimit", "--stack=262144"});
-  start(stalled.r, dir, "stalled",
+  start(loops.r, "loops", late);
+  start(stacked.r, "stacked", late, {"/usr/bin/prlimit", "--stack=262144"});
+  start(stalled.r, "stalled",
         {"--outputs", "256", "--inputs", "256", "--output-names", dir.write("o", outputs),
          "--input-names", dir.write("i", inputs)});
-  start(batches.r, dir, "batches", {"--outputs", "16", "--inputs", "16", "--delay", "80"});
+  start(batches.r, "batches", {"--outputs", "16", "--inputs", "16", "--delay", "80"});
   ASSERT_FALSE(HasFatalFailure());
   const auto all_synced = [&] {
     bool all = true;

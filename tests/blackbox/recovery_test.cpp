@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "blackbox/system_fixture.h"
+#include "router/link_texts.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ TEST_F(RecoveryTest, SilentSwitcherTimesOutAndTheLinkIsRebuilt) {
   EXPECT_EQ("<ERR>Timeout receiving message\n", wait_for_stderr(backend_, "<ERR>"));
   EXPECT_GT(SecondsSince(sent), 2.5);
   EXPECT_LT(SecondsSince(sent), 5.0);
-  EXPECT_EQ("<NOTE>Connection to router closed\n", wait_for_stderr(backend_, "<NOTE>"));
+  EXPECT_EQ(link_closed, wait_for_stderr(backend_, "<NOTE>"));
   Send("*COMMAND=report\n*TYPE=command\n*ID=2\nwhat=inputs\n\n");  // served with the link down
   EXPECT_EQ("*TYPE=reply\n*ID=2\n", WaitRecord("*ID=2"));
   NextClient();
@@ -49,8 +50,7 @@ TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
   EXPECT_EQ("<ERR>Timeout sending message\n", wait_for_stderr(backend_, "<ERR>"));
   EXPECT_GT(SecondsSince(start), 4.0);
   EXPECT_LT(SecondsSince(start), 7.0);
-  EXPECT_EQ("<NOTE>Connection to router closed\n",
-            wait_for_stderr(backend_, "<NOTE>Connection to router closed"));
+  EXPECT_EQ(link_closed, wait_for_stderr(backend_, link_closed));
   // Resent every 100 ms: about fifty handshakes on the connection given up.
   // A loaded machine stretches the resend cycles, never shortens them, so
   // the lower bound is loose; 200 ms or 50 ms resends still fall outside.

@@ -27,7 +27,7 @@ class SystemTest : public testing::Test {
   // Starts the backend on config, which names the emulator once one runs;
   // words go on the command line before "--file".
   void StartBackend(std::string config = "", std::vector<std::string> words = {}) {
-    if (!port_.empty()) config += "ip address = 127.0.0.1\nport = " + port_ + "\n";
+    if (!port_.empty()) config += client_emulator_config(port_);
     words.insert(words.end(), {"--file", dir_.write("r.cfg", config)});
     ASSERT_TRUE(client_start(backend_, daemon_path_, words));
   }
@@ -69,11 +69,12 @@ class SystemTest : public testing::Test {
     return client_next_record(c, timeout_ms, r) ? r.text : "";
   }
 
-  // Waits for a line of standard error holding text and returns it with its
-  // "\n", consuming it and the lines before; "" when none came.
+  // Waits for a line of standard error holding text (a whole line when it
+  // ends in "\n") and returns it with its "\n", consuming it and the lines
+  // before; "" when none came.
   static std::string wait_for_stderr(parent_client& c, const std::string& text, int timeout_ms = wait_ms) {
     client_diag line;
-    return client_wait_diag(c, text, timeout_ms, line) ? line.text + "\n" : "";
+    return client_wait_diag(c, text.substr(0, text.find('\n')), timeout_ms, line) ? line.text + "\n" : "";
   }
   static std::string wait_for_stderr(child_process& c, const std::string& text, int timeout_ms = wait_ms) {
     const std::string seen = LinesUntil(c.err_buf, text, timeout_ms);

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "blackbox/system_fixture.h"
+#include "router/link_texts.h"
 
 namespace {
 
@@ -59,8 +60,7 @@ TEST_F(SystemTest, TakesAndRenamesComeBackAndAddressChangeReconnects) {
             WaitRecord(".name="));
 
   Send("*COMMAND=set\n*TYPE=message\nname=ip address\nvalue=127.1\n\n");
-  EXPECT_EQ("<NOTE>Connection to router closed\n",
-            wait_for_stderr(backend_, "<NOTE>Connection to router closed"));
+  EXPECT_EQ(link_closed, wait_for_stderr(backend_, link_closed));
   EXPECT_NE("", wait_for_stderr(emu_, "client closed"));
   EXPECT_NE("", wait_for_stderr(emu_, "client connected"));
   EXPECT_NE("", wait_for_stderr(emu_, "recv BK N"));
@@ -68,7 +68,7 @@ TEST_F(SystemTest, TakesAndRenamesComeBackAndAddressChangeReconnects) {
   child_close_input(backend_.child);
   EXPECT_EQ(0, wait_exit(backend_));
   ASSERT_FALSE(backend_.diags.empty());
-  EXPECT_EQ("<NOTE>Connection to router closed", backend_.diags.back().text);
+  EXPECT_EQ(link_closed, backend_.diags.back().text + "\n");
 }
 
 // Whatever order batches interleave in, the newest change flushed for an

@@ -18,6 +18,7 @@
 #include "router/exchange.h"
 #include "router/receive.h"
 #include "support/scripted_switcher.h"
+#include "router/link_texts.h"
 
 namespace {
 
@@ -198,8 +199,7 @@ class RouterLinkTest : public ::testing::Test {
 
 TEST_F(RouterLinkTest, ConnectThenWatchdog) {
   // Loopback completes a connect within the first check, or at once.
-  expect_one_of({"<NOTE>Trying to connect to router...\n<NOTE>Connection sucessful.\n",
-                 "<NOTE>Connected to router, right away\n"},
+  expect_one_of({std::string(link_trying) + link_connected, link_connected_at_once},
                 switcher_link_up());
   EXPECT_TRUE(flag_is_set(process_flag::sync_needed));
   // No frame leaves while a connect is still in progress.
@@ -209,7 +209,7 @@ TEST_F(RouterLinkTest, ConnectThenWatchdog) {
   EXPECT_FALSE(connection_sendmsg(msg));
   EXPECT_FALSE(connection_tx_pending());
   // The link step finishes it.
-  EXPECT_EQ("<NOTE>Connection sucessful.\n", stderr_of(connection_poll));
+  EXPECT_EQ(link_connected, stderr_of(connection_poll));
   EXPECT_TRUE(connection_ready());
 
   EXPECT_EQ("", stderr_of(connection_poll));
@@ -219,7 +219,7 @@ TEST_F(RouterLinkTest, ConnectThenWatchdog) {
   EXPECT_EQ(msg_line("N0QD"), stderr_of(connection_poll));
   EXPECT_EQ("[OK] request=QD protocol=N seq=0 ", take_all());
   connection_set_last_activity_for_test(monotonic_now_us() - twenty_one_s);
-  EXPECT_EQ("<WARN>Connection timeout\n<NOTE>Connection to router closed\n",
+  EXPECT_EQ(std::string("<WARN>Connection timeout\n") + link_closed,
             stderr_of(connection_poll));
   EXPECT_FALSE(connection_is_open() || flag_is_set(process_flag::sync_needed));
   EXPECT_EQ("", read_for(sw.fd, 1, 100));  // nothing was sent
@@ -229,7 +229,8 @@ TEST_F(RouterLinkTest, ConnectThenWatchdog) {
 // starts 5 s after it (as after any attempt: one timer for all), and none
 // starts without an address.
 TEST_F(RouterLinkTest, FailedAttemptsRetriedEveryFiveSeconds) {
-  const std::string closed = "<NOTE>Connection to router closed\n";
+  const std::string closed = link_closed;
+  const auto refused = [](const char* text) { return link_text(text, "Connection refused"); };
   struct Case {
     const char* name;
     std::string address;
@@ -239,9 +240,8 @@ TEST_F(RouterLinkTest, FailedAttemptsRetriedEveryFiveSeconds) {
   };
   const Case cases[] = {
       {"refused", "127.0.0.1", unused_loopback_port(), false,
-       {"<NOTE>Trying to connect to router...\n<ERR>Connection failed, Connection refused\n" +
-            closed,
-        "<ERR>Failed to connect to router, Connection refused\n" + closed}},
+       {link_trying + refused(link_connect_failed) + closed,
+        refused(link_cannot_connect) + closed}},
       {"host name", "localhost", sw.listener.port, false,
        {"<ERR>Cannot connect, cannot parse IP address\n"}},
       {"no socket", "127.0.0.1", sw.listener.port, true,
@@ -311,7 +311,7 @@ TEST_F(RouterLinkTest, PortBelowOneMeansTheDefault) {
 
 // A peer that resets or ends the connection, seen by a read or by a write.
 TEST_F(RouterLinkTest, BrokenConnectionIsLoggedAndClosed) {
-  const std::string closed = "<NOTE>Connection to router closed\n";
+  const std::string closed = link_closed;
   const std::string reset = "<NOTE>Connection problem, Connection reset by peer\n" + closed;
   const auto read_step = [] { connection_poll(); };
   const auto write_step = [] { connection_queue_and_write("x", 1); };
@@ -373,7 +373,7 @@ TEST_F(RouterLinkTest, UnsendableRequestEndsTheExchange) {
     if (linked) switcher_link_up();
     router_message msg = make_router_request("QN", params);
     std::vector<router_message> response;
-    EXPECT_EQ(linked ? "<ERR>Unable to send message\n<NOTE>Connection to router closed\n"
+    EXPECT_EQ(linked ? std::string("<ERR>Unable to send message\n") + link_closed
                      : "<ERR>Unable to send message\n",
               stderr_of([&] {
                 const us_time_t deadline = monotonic_now_us() + 2'000'000;

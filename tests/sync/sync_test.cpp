@@ -16,6 +16,7 @@
 #include "support/scripted_switcher.h"
 #include "sync/polling.h"
 #include "sync/sync.h"
+#include "router/link_texts.h"
 
 namespace {
 
@@ -91,7 +92,7 @@ TEST_F(SynchronisationTest, IdentityTexts) {
 // failing at once on the closed link.
 TEST_F(SynchronisationTest, FailedStepsAbandonOrGoOn) {
   const std::string ack = "<DBG>Router BK sync ack\n";
-  const std::string closed = "<NOTE>Connection to router closed\n";
+  const std::string closed = link_closed;
   const std::string unsendable = "<ERR>Unable to send message\n";
   struct Case {
     std::string close_after;  // "-": before the handshake is sent
@@ -205,7 +206,7 @@ TEST_F(StatusPollingTest, ChangeFlagsAndChangedDestinations) {
 // A request whose flags or destinations query fails is not rescheduled: the
 // first pass on the next connection sends a request at once.
 TEST_F(StatusPollingTest, FailedRequestIsNotRescheduled) {
-  const std::string closed = "<NOTE>Connection to router closed\n";
+  const std::string closed = link_closed;
   struct Case {
     const char* name;
     std::string silent_on, hang_up_after;
@@ -254,7 +255,7 @@ TEST_F(StatusPollingTest, OnlyTheLastUnsolicitedMessageIsLogged) {
   clear_flag(process_flag::sync_needed);
   set_next_status_poll(1);
   close_fd(sw.fd);
-  EXPECT_EQ("<NOTE>Connection suddenly dropped\n<NOTE>Connection to router closed\n",
+  EXPECT_EQ(std::string("<NOTE>Connection suddenly dropped\n") + link_closed,
             stderr_of(status_polling_step));
 }
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "parent_client/child.h"
-#include "parent_client/tables.h"
+#include "parent_client/report_tables.h"
 
 namespace {
 

@@ -11,6 +11,7 @@
 #include "console/commands.h"
 #include "console/session.h"
 #include "console/terminal.h"
+#include "parent_client/options.h"
 
 namespace {
 
@@ -25,46 +26,13 @@ constexpr const char* usage_text =
     "status 0, 1 when a command failed or the backend ended by itself, 2 when\n"
     "nothing could start.\n";
 
-bool wants_help(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--emulator") return false;  // the rest is the emulator's
-    if (a == "-h" || a == "--help") return true;
-  }
-  return false;
-}
-
-bool parse_options(int argc, char** argv, console_options& o) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string opt = argv[i];
-    if (opt == "--emulator") {
-      o.use_emulator = true;
-      o.emulator_options.assign(argv + i + 1, argv + argc);
-      break;
-    }
-    if ((opt == "--file" || opt == "--backend") && i + 1 < argc) {
-      (opt == "--file" ? o.config : o.backend) = argv[++i];
-      continue;
-    }
-    return false;
-  }
-  return o.use_emulator != !o.config.empty();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   console_options o;
-  if (wants_help(argc, argv)) {
-    std::fputs(usage_text, stdout);
-    return 0;
-  }
-  if (!parse_options(argc, argv, o)) {
-    std::fputs(usage_text, stderr);
-    return 2;
-  }
-  if (o.backend.empty()) o.backend = child_find_program("zeph_route_grass_valley");
-  if (o.use_emulator) o.emulator = child_find_program("switcher_emulator");
+  const int status =
+      parent_options_parse(argc, argv, "zeph_route_console", usage_text, {}, o.parent);
+  if (status >= 0) return status;
   terminal_open(isatty(STDIN_FILENO) == 1);
   if (!session_start(o)) {
     terminal_close();

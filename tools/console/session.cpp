@@ -143,7 +143,7 @@ void notice_ends() {
                                       "the backend could not start: ") +
                   child_describe_end(backend.child));
   }
-  if (opts.use_emulator && emulator.reaped && !emulator_gone) {
+  if (opts.parent.use_emulator && emulator.reaped && !emulator_gone) {
     emulator_gone = true;
     if (emulator_quitting) return;
     emulator_died = true;
@@ -228,7 +228,7 @@ bool console_wait_report(const std::string& command, int timeout_ms) {
 void console_sleep(int ms) { (void)wait_showing([] { return false; }, ms); }
 
 bool console_emulator(const std::string& control) {
-  if (!opts.use_emulator) {
+  if (!opts.parent.use_emulator) {
     console_error("no emulator runs: start the console with --emulator");
     return false;
   }
@@ -252,20 +252,18 @@ bool console_emulator(const std::string& control) {
 bool session_start(const console_options& o) {
   opts = o;
   for (int sig : {SIGINT, SIGTERM, SIGHUP}) std::signal(sig, on_signal);
-  std::string config = o.config;
-  if (o.use_emulator) {
-    const std::string port = client_start_emulator(emulator, o.emulator, o.emulator_options, 10000);
-    if (port.empty()) return false;
-    terminal_print("switcher emulator listening on 127.0.0.1 port " + port);
+  const parent_options& p = o.parent;
+  std::string config = p.config;
+  if (p.use_emulator) {
     config_dir = std::make_unique<temp_dir>();
-    if (config_dir->path.empty()) {
-      terminal_print("cannot make a temporary directory for the configuration");
-      return false;
-    }
-    config = config_dir->write("router.cfg", "ip address = 127.0.0.1\nport = " + port + "\n");
+    std::string port;
+    config = client_start_emulated(emulator, p.emulator, p.emulator_options, *config_dir, 10000,
+                                   &port);
+    if (config.empty()) return false;
+    terminal_print("switcher emulator listening on 127.0.0.1 port " + port);
   }
-  if (!client_start(backend, o.backend, {"--file", config})) return false;
-  terminal_print("backend started: " + o.backend + " --file " + config);
+  if (!client_start(backend, p.backend, {"--file", config})) return false;
+  terminal_print("backend started: " + p.backend + " --file " + config);
   if (terminal_interactive()) terminal_print("type help for the commands");
   return true;
 }

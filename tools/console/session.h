@@ -5,18 +5,15 @@
 #include <vector>
 
 #include "parent_client/client.h"
+#include "parent_client/options.h"
 
 // The console's session: the backend as its child (and the switcher emulator
 // when asked), the commands a person types, and what the backend says, shown
 // as it arrives.
 
 struct console_options {
-  std::string backend;                    // the backend's program
-  std::string config;                     // --file: its configuration
-  std::string emulator;                   // the emulator's program, with --emulator
-  bool use_emulator = false;
-  std::vector<std::string> emulator_options;
-  int reply_ms = 15000;                   // how long a request waits for its reply
+  parent_options parent;  // the backend, its configuration or the emulator
+  int reply_ms = 15000;   // how long a request waits for its reply
 };
 
 // Starts the emulator (when asked) and the backend, and sets SIGINT, SIGTERM

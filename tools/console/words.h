@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "parent_client/tables.h"
+#include "parent_client/report_tables.h"
 
 // The words of a console command line, and the outputs and inputs they name.
 

@@ -16,7 +16,7 @@
 #include "panel/model.h"
 #include "panel/server.h"
 #include "parent_client/client.h"
-#include "parent_client/temp_dir.h"
+#include "parent_client/options.h"
 
 namespace {
 
@@ -48,14 +48,6 @@ constexpr std::size_t last_lines = 5;
 volatile std::sig_atomic_t stop_requested = 0;
 void on_signal(int) { stop_requested = 1; }
 
-struct panel_options {
-  std::string backend;
-  std::string config;
-  bool use_emulator = false;
-  std::vector<std::string> emulator_options;
-  panel_listen listen;
-};
-
 // The panel's state: the backend it drives and what it knows, for the loop
 // and the web server's handlers alike (the same thread).
 parent_client backend;
@@ -79,35 +71,6 @@ bool parse_listen(const std::string& text, panel_listen& l) {
   return true;
 }
 
-// -1 to go on, else the exit status.
-int parse_options(int argc, char** argv, panel_options& o) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string opt = argv[i];
-    if (opt == "-h" || opt == "--help") {
-      std::fputs(usage_text, stdout);
-      return 0;
-    }
-    if (opt == "--emulator") {
-      o.use_emulator = true;
-      o.emulator_options.assign(argv + i + 1, argv + argc);
-      break;
-    }
-    const bool known = opt == "--file" || opt == "--backend" || opt == "--token" || opt == "--listen";
-    if (!known) return fail("unknown option " + opt + " (see --help)");
-    if (i + 1 >= argc) return fail(opt + " wants a value (see --help)");
-    const std::string value = argv[++i];
-    if (opt == "--file") o.config = value;
-    else if (opt == "--backend") o.backend = value;
-    else if (opt == "--token") o.listen.token = value;
-    else if (!parse_listen(value, o.listen)) {
-      return fail("--listen wants ADDR:PORT (such as 127.0.0.1:8080), not \"" + value + "\"");
-    }
-  }
-  if (o.use_emulator && !o.config.empty()) return fail("--file and --emulator exclude each other");
-  if (!o.use_emulator && o.config.empty()) return fail("--file CFG or --emulator is needed (see --help)");
-  return -1;
-}
-
 // The backend's output since the last pass, into the model; error replies to
 // the panel's own requests among it.
 void read_backend() {
@@ -123,8 +86,9 @@ void read_backend() {
     add(model_read_diag(model, d.text));
   }
   for (; !backend.records.empty(); backend.records.pop_front()) {
-    const parent_message& m = backend.records.front().msg;
-    if (m.type != "reply") add(model_read_record(model, m));
+    const client_record& r = backend.records.front();
+    const parent_message& m = r.msg;
+    if (m.type != "reply") add(model_read_record(model, m, r.changes));
     else if (!m.error.empty()) add(model_error(m.command + " (id " + m.id + "): " + m.error));
   }
   add(model_expire(model, monotonic_now_us()));
@@ -219,31 +183,38 @@ int serve() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  panel_options o;
-  const int status = parse_options(argc, argv, o);
+  parent_options o;
+  panel_listen listen;
+  const auto token = [&listen](const std::string& v) {
+    listen.token = v;
+    return std::string();
+  };
+  const auto where = [&listen](const std::string& v) {
+    if (parse_listen(v, listen)) return std::string();
+    return "wants ADDR:PORT (such as 127.0.0.1:8080), not \"" + v + "\"";
+  };
+  const int status = parent_options_parse(argc, argv, "zeph_route_panel", usage_text,
+                                          {{"--token", token}, {"--listen", where}}, o);
   if (status >= 0) return status;
-  if (o.backend.empty()) o.backend = child_find_program("zeph_route_grass_valley");
+  model.tables = &backend.tables;
   for (int sig : {SIGINT, SIGTERM, SIGHUP}) std::signal(sig, on_signal);
 
   // Listening first: a panel that cannot serve starts nothing.
-  const int port = server_listen(o.listen);
+  const int port = server_listen(listen);
   if (port < 0) return 2;
   child_process emulator;
   std::unique_ptr<temp_dir> dir;
   std::string config = o.config;
   if (o.use_emulator) {
-    const std::string emulator_port = client_start_emulator(
-        emulator, child_find_program("switcher_emulator"), o.emulator_options, 10000);
-    if (emulator_port.empty()) return 2;
     dir = std::make_unique<temp_dir>();
-    if (dir->path.empty()) return fail("cannot make a temporary directory");
-    config = dir->write("router.cfg", "ip address = 127.0.0.1\nport = " + emulator_port + "\n");
+    config = client_start_emulated(emulator, o.emulator, o.emulator_options, *dir, 10000);
+    if (config.empty()) return 2;
   }
   if (!client_start(backend, o.backend, {"--file", config}) || !wait_first_record()) return 2;
   read_backend();
   if (!server_start({take, lock, dismiss, state})) return 2;
-  std::string url = "http://" + o.listen.host + ":" + std::to_string(port) + "/";
-  if (!o.listen.token.empty()) url += "?token=" + o.listen.token;
+  std::string url = "http://" + listen.host + ":" + std::to_string(port) + "/";
+  if (!listen.token.empty()) url += "?token=" + listen.token;
   std::printf("%s\n", url.c_str());
   std::fflush(stdout);
 

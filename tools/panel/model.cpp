@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "parent_client/client.h"
+#include "router/link_texts.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ std::int64_t wall_ms() {
 }
 
 long count(const panel_model& m, const char* which) {
-  return std::max(0L, tables_count(m.tables, which));
+  return std::max(0L, tables_count(*m.tables, which));
 }
 
 // Why an output or input position is not one of the active ones; "" when it is.
@@ -44,8 +45,8 @@ json names(const std::map<long, std::string>& table) {
 
 json info(const panel_model& m) {
   const auto field = [&m](const char* name) {
-    const auto it = m.tables.info.find(name);
-    return it == m.tables.info.end() ? std::string() : panel_text(it->second);
+    const auto it = m.tables->info.find(name);
+    return it == m.tables->info.end() ? std::string() : panel_text(it->second);
   };
   return {{"t", "info"},
           {"model", field("model")},
@@ -56,7 +57,7 @@ json info(const panel_model& m) {
 
 json routes(const panel_model& m) {
   json all = json::object();
-  for (const auto& [output, input] : m.tables.routes) all[std::to_string(output)] = input;
+  for (const auto& [output, input] : m.tables->routes) all[std::to_string(output)] = input;
   return all;
 }
 
@@ -90,8 +91,8 @@ void set_link(panel_model& m, const std::string& link, panel_events& events) {
 bool settle_pending(panel_model& m, const parent_message& report) {
   bool any = false;
   for (auto it = m.pending.begin(); it != m.pending.end();) {
-    const auto route = m.tables.routes.find(it->first);
-    const bool confirmed = route != m.tables.routes.end() && route->second == it->second.input;
+    const auto route = m.tables->routes.find(it->first);
+    const bool confirmed = route != m.tables->routes.end() && route->second == it->second.input;
     const bool reported =
         report.fields.count("o" + std::to_string(it->first) + ".input.all") != 0;
     if (confirmed || (it->second.unconfirmed && reported)) {
@@ -103,8 +104,6 @@ bool settle_pending(panel_model& m, const parent_message& report) {
   }
   return any;
 }
-
-bool has(const std::string& line, const char* text) { return line.find(text) != std::string::npos; }
 
 const char* level_name(diag_level level) {
   switch (level) {
@@ -172,9 +171,8 @@ std::string panel_text(const std::string& bytes) {
   return out;
 }
 
-panel_events model_read_record(panel_model& m, const parent_message& record) {
-  std::vector<route_seen> changes;
-  tables_apply(m.tables, record, changes);
+panel_events model_read_record(panel_model& m, const parent_message& record,
+                               const std::vector<route_seen>& changes) {
   const std::string kind = tables_report_kind(record);
   panel_events events;
   if (kind == "info") {
@@ -183,7 +181,7 @@ panel_events model_read_record(panel_model& m, const parent_message& record) {
     const bool outputs = kind == "outputs";
     events.push_back({dump({{"t", "names"},
                             {"which", kind},
-                            {"names", names(outputs ? m.tables.outputs : m.tables.inputs)}})});
+                            {"names", names(outputs ? m.tables->outputs : m.tables->inputs)}})});
   } else if (kind == "routes") {
     json changed = json::object();
     for (const route_seen& c : changes) changed[std::to_string(c.output)] = c.after;
@@ -210,12 +208,12 @@ panel_events model_read_diag(panel_model& m, const std::string& line) {
       {dump({{"t", "diag"}, {"level", d.level}, {"text", d.text}}), debug}};
   keep(debug ? m.debug_diags : m.diags, std::move(d));
   if (!m.ended.empty()) return events;
-  if (has(line, "<NOTE>Trying to connect to router")) {
+  if (link_line_is(line, link_trying)) {
     set_link(m, "connecting", events);
-  } else if (has(line, "<NOTE>Connection sucessful.") || has(line, "<NOTE>Connected to router")) {
+  } else if (link_line_is(line, link_connected) || link_line_is(line, link_connected_at_once)) {
     set_link(m, "synchronising", events);
-  } else if (has(line, "<NOTE>Connection to router closed") ||
-             has(line, "<ERR>Connection failed") || has(line, "<ERR>Failed to connect")) {
+  } else if (link_line_is(line, link_closed) || link_line_is(line, link_connect_failed) ||
+             link_line_is(line, link_cannot_connect)) {
     set_link(m, "lost", events);
   }
   return events;
@@ -284,7 +282,7 @@ panel_events model_error(const std::string& text) {
 }
 
 std::string model_label(const panel_model& m, bool output, long position) {
-  std::string name = panel_text(tables_name(m.tables, output, position));
+  std::string name = panel_text(tables_name(*m.tables, output, position));
   if (name.empty()) name = output ? "output" : "input";
   return name + " (" + std::to_string(position) + ")";
 }
@@ -297,8 +295,8 @@ std::string model_state(const panel_model& m, bool debug) {
   }
   return dump({{"t", "state"},
                {"info", info(m)},
-               {"outputs", names(m.tables.outputs)},
-               {"inputs", names(m.tables.inputs)},
+               {"outputs", names(m.tables->outputs)},
+               {"inputs", names(m.tables->inputs)},
                {"routes", routes(m)},
                {"pending", pending(m)},
                {"locks", m.locks},

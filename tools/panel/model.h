@@ -9,10 +9,10 @@
 
 #include "base/clock.h"
 #include "parent/message.h"
-#include "parent_client/tables.h"
+#include "parent_client/report_tables.h"
 
 // What the panel knows and shows every browser: the backend's latest reports
-// as tables, the takes it sent and the switcher has not confirmed yet, the
+// (the parent client's tables), the takes it sent and the switcher has not confirmed yet, the
 // destinations locked from the panel, the link's state as the diagnostic
 // lines tell it, the latest diagnostic lines, and how the backend ended.
 // Every change comes back as events, JSON texts for the browsers. Text from
@@ -38,7 +38,9 @@ struct panel_diag {
 };
 
 struct panel_model {
-  report_tables tables;
+  // The backend's reports as the parent client keeps them: the one copy,
+  // which the model reads and never writes.
+  const report_tables* tables = nullptr;
   std::map<long, panel_pending> pending;  // output -> the take sent for it
   std::set<long> locks;
   // "connecting", "synchronising", "connected", "lost" or "ended".
@@ -62,9 +64,11 @@ using panel_events = std::vector<panel_event>;
 // other byte stands for its Latin-1 character (0xE9 reads as "é").
 [[nodiscard]] std::string panel_text(const std::string& bytes);
 
-// A record the backend wrote: reports update the tables, and a routing report
-// settles the takes for the outputs it lists.
-[[nodiscard]] panel_events model_read_record(panel_model& m, const parent_message& record);
+// A record the backend wrote, once the tables hold it (changes: the routes
+// it changed): the reports' news, and a routing report settles the takes for
+// the outputs it lists.
+[[nodiscard]] panel_events model_read_record(panel_model& m, const parent_message& record,
+                                             const std::vector<route_seen>& changes);
 
 // A diagnostic line of the backend: the link's state changes as it says.
 [[nodiscard]] panel_events model_read_diag(panel_model& m, const std::string& line);

@@ -157,3 +157,20 @@ std::string client_start_emulator(child_process& emu, const std::string& path,
   }
   return first.substr(first.find_last_of(' ') + 1);
 }
+
+std::string client_emulator_config(const std::string& port) {
+  return "ip address = 127.0.0.1\nport = " + port + "\n";
+}
+
+std::string client_start_emulated(child_process& emu, const std::string& path,
+                                  const std::vector<std::string>& options, const temp_dir& dir,
+                                  int timeout_ms, std::string* port) {
+  const std::string listening = client_start_emulator(emu, path, options, timeout_ms);
+  if (listening.empty()) return "";
+  if (dir.path.empty()) {
+    std::fprintf(stderr, "cannot make a temporary directory for the configuration\n");
+    return "";
+  }
+  if (port != nullptr) *port = listening;
+  return dir.write("router.cfg", client_emulator_config(listening));
+}

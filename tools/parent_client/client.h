@@ -8,7 +8,8 @@
 #include "base/clock.h"
 #include "parent/message.h"
 #include "parent_client/child.h"
-#include "parent_client/tables.h"
+#include "parent_client/report_tables.h"
+#include "parent_client/temp_dir.h"
 
 // The parent's side of the backend: it starts the backend as a child on
 // pipes, sends requests with fresh ids and waits for their replies, keeps the
@@ -100,3 +101,15 @@ std::string client_send(parent_client& c, parent_message req);
 [[nodiscard]] std::string client_start_emulator(child_process& emu, const std::string& path,
                                                 const std::vector<std::string>& extra,
                                                 int timeout_ms);
+
+// The configuration that points a backend at the emulator listening on port
+// on loopback: the one place it is written.
+[[nodiscard]] std::string client_emulator_config(const std::string& port);
+
+// client_start_emulator, then that configuration written into dir as
+// "router.cfg"; returns the file's path (and the port into *port), or ""
+// with a line on our standard error.
+[[nodiscard]] std::string client_start_emulated(child_process& emu, const std::string& path,
+                                                const std::vector<std::string>& options,
+                                                const temp_dir& dir, int timeout_ms,
+                                                std::string* port = nullptr);

@@ -1,4 +1,4 @@
-#include "parent_client/tables.h"
+#include "parent_client/report_tables.h"
 
 #include <algorithm>
 #include <cstdlib>

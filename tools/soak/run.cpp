@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/clock.h"
+#include "router/link_texts.h"
 
 namespace {
 
@@ -17,9 +18,9 @@ bool has(const std::string& line, const char* text) {
 // failure report.
 void take_backend_line(soak_run& run, const std::string& line) {
   backend_stats& s = run.stats;
-  if (has(line, "<NOTE>Connection sucessful.") || has(line, "<NOTE>Connected to router")) {
+  if (link_line_is(line, link_connected) || link_line_is(line, link_connected_at_once)) {
     ++s.connects;
-  } else if (has(line, "<NOTE>Connection to router closed")) {
+  } else if (link_line_is(line, link_closed)) {
     ++s.closes;
   } else if (has(line, "<ERR>Timeout receiving message") ||
              has(line, "<ERR>Timeout sending message")) {

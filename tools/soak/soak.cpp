@@ -110,7 +110,7 @@ bool start(soak_run& run, const soak_options& o, const std::string& dir) {
     run_fail(run, "cannot write " + cfg);
     return false;
   }
-  std::fprintf(f, "ip address = 127.0.0.1\nport = %s\n", port.c_str());
+  std::fputs(client_emulator_config(port).c_str(), f);
   std::fclose(f);
   return client_start(run.backend, o.backend, {"--file", cfg});
 }

@@ -107,7 +107,7 @@ bool parse_routes(const std::string& list, emulator_config& cfg) {
 // One option with its value; false, with a line on standard error, on a bad value.
 bool apply_option(const std::string& opt, const std::string& v, emulator_server& s) {
   emulator_config& c = s.cfg;
-  server_options& o = s.opt;
+  emulator_server_options& o = s.opt;
   emulator_faults& f = o.faults;
   struct number_option {
     const char* name;

@@ -13,7 +13,7 @@
 // The emulator on the network: one listening socket, one client at a time,
 // a select-based step, stdin controls and deterministic fault injection.
 
-struct server_options {
+struct emulator_server_options {
   std::string bind_address = "127.0.0.1";  // numeric IPv4 only
   std::uint32_t port = default_router_port;  // 0: an ephemeral port
   std::int64_t rename_after_ms = -1;       // after the first client; -1: never
@@ -33,7 +33,7 @@ struct server_chunk {
 };
 
 struct emulator_server {
-  server_options opt;
+  emulator_server_options opt;
   emulator_config cfg;
   emulator_state sw;
   int listen_fd = -1;
