@@ -4,7 +4,8 @@
 #   /usr/share/man/man1            their manual pages, gzipped
 #   /usr/share/<package>/wireshark the dissector: data a program (Wireshark)
 #                                  loads, the same on every architecture
-#   /usr/share/doc/<package>       README.md.gz, copyright, changelog.gz
+#   /usr/share/doc/<package>       README.md.gz, copyright, changelog.gz, and
+#                                  the reference pages under doc/, gzipped
 include(GNUInstallDirs)
 
 # Debian package names allow no underscore.
@@ -35,6 +36,14 @@ foreach(page ${ZEPH_MAN_PAGES})
   install(FILES ${zeph_pkg_dir}/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endforeach()
 zeph_gzip(${PROJECT_SOURCE_DIR}/README.md ${zeph_pkg_dir}/README.md.gz)
+# The reference the README links to, in the same place relative to it.
+set(ZEPH_DOC_PAGES architecture.md by-design.md configuration.md console.md diagnostics.md
+  emulator.md install.md limits.md panel.md parent-protocol.md switcher-link.md testing.md)
+foreach(page ${ZEPH_DOC_PAGES})
+  zeph_gzip(${PROJECT_SOURCE_DIR}/doc/${page} ${zeph_pkg_dir}/doc/${page}.gz)
+  install(FILES ${zeph_pkg_dir}/doc/${page}.gz DESTINATION ${zeph_docdir}/doc)
+endforeach()
+install(FILES doc/panel.png DESTINATION ${zeph_docdir}/doc)
 configure_file(packaging/changelog.in ${zeph_pkg_dir}/changelog @ONLY)
 zeph_gzip(${zeph_pkg_dir}/changelog ${zeph_pkg_dir}/changelog.gz)
 add_custom_target(zeph_gzipped_docs ALL DEPENDS ${zeph_gzipped})

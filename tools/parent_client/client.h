@@ -15,7 +15,7 @@
 // pipes, sends requests with fresh ids and waits for their replies, keeps the
 // latest reports as tables, hands out diagnostic lines with their level, and
 // stops the backend as a parent does. The black-box tests, the soak, the
-// benchmarks and the console all drive the backend through it.
+// benchmarks, the console and the panel all drive the backend through it.
 
 // Diagnostic levels, lowest first; untagged lines (the command line, early
 // start-up, stray switcher bytes) count as errors, so they are always shown.

@@ -2,7 +2,7 @@
 -- speaks with a routing switcher over TCP: port 12345, another port set in
 -- the protocol's preferences, and any port where a segment holds a message
 -- whose layout and checksum are right (then the whole conversation). Install:
--- see README.md, "Capturing and decoding".
+-- see doc/emulator.md, "Capturing and decoding".
 --
 -- A message is SOH, a body and EOT. The body is the protocol letter, the
 -- sequence flag, two command letters, each parameter led by a TAB, and two
