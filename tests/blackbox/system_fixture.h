@@ -58,6 +58,14 @@ class SystemTest : public testing::Test {
     if (at != std::string::npos) record.erase(at, record.find('\n', at) + 1 - at);
     return record;
   }
+  // The info report less its credit text.
+  static std::string Info(int inputs, int outputs, const std::string& model = "",
+                          const std::string& firmware = "") {
+    return "*COMMAND=info\n*TYPE=message\ncompany=Grass Valley\nfirmware version=" + firmware +
+           "\ninputs=" + std::to_string(inputs) + "\nmodel=" + model +
+           "\noutput routing controls=all\noutputs=" + std::to_string(outputs) +
+           "\nproduct=Grass Valley Native Protocol switcher or compatible\n";
+  }
 
   std::string emulator_path_ = EMULATOR_PATH;  // other builds: installed ones
   std::string daemon_path_ = DAEMON_PATH;
