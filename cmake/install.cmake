@@ -39,6 +39,7 @@ zeph_gzip(${PROJECT_SOURCE_DIR}/README.md ${zeph_pkg_dir}/README.md.gz)
 # The reference the README links to, in the same place relative to it.
 set(ZEPH_DOC_PAGES architecture.md by-design.md configuration.md console.md diagnostics.md
   emulator.md install.md limits.md panel.md parent-protocol.md switcher-link.md testing.md)
+file(MAKE_DIRECTORY ${zeph_pkg_dir}/doc)
 foreach(page ${ZEPH_DOC_PAGES})
   zeph_gzip(${PROJECT_SOURCE_DIR}/doc/${page} ${zeph_pkg_dir}/doc/${page}.gz)
   install(FILES ${zeph_pkg_dir}/doc/${page}.gz DESTINATION ${zeph_docdir}/doc)
