@@ -62,6 +62,7 @@ class MainLoopWaitTest : public ::testing::Test {
 };
 
 TEST_F(MainLoopWaitTest, ShortWaitOnlyWhilePacedChangesAreAllThatIsPending) {
+  const auto paced = [] { FlushedChanges(); set_flush_allow_for_test(now + 1); };
   struct Case {
     const char* name;
     std::function<void()> arrange;
@@ -69,30 +70,19 @@ TEST_F(MainLoopWaitTest, ShortWaitOnlyWhilePacedChangesAreAllThatIsPending) {
   };
   const Case cases[] = {
       {"nothing pending", [] {}, idle_us},
-      {"flushed changes wait for their pacing time",
-       [] { FlushedChanges(); set_flush_allow_for_test(now + 1); }, pacing_us},
+      {"flushed changes wait for their pacing time", paced, pacing_us},
       // Every other case waits the long way.
       {"pacing time reached", [] { FlushedChanges(); set_flush_allow_for_test(now); }, idle_us},
       {"pacing time passed", [] { FlushedChanges(); set_flush_allow_for_test(now - 1); }, idle_us},
       {"pacing time ahead, nothing flushed", [] { set_flush_allow_for_test(now + 1); }, idle_us},
       {"changes added but not flushed",
        [] { add_route_change(route_change{1, 0}); set_flush_allow_for_test(now + 1); }, idle_us},
-      {"a received message waits",
-       [] { FlushedChanges(); set_flush_allow_for_test(now + 1); receive_bytes("\x06", 1); },
-       idle_us},
-      {"a message is partly received",
-       [] { FlushedChanges(); set_flush_allow_for_test(now + 1); receive_bytes("\x01N0", 3); },
-       idle_us},
-      {"parent output waits",
-       [this] { FlushedChanges(); set_flush_allow_for_test(now + 1); ParentOutputBlocked(); },
-       idle_us},
-      {"switcher output waits",
-       [this] { FlushedChanges(); set_flush_allow_for_test(now + 1); SwitcherOutputBlocked(); },
-       idle_us},
+      {"a received message waits", [&] { paced(); receive_bytes("\x06", 1); }, idle_us},
+      {"a message is partly received", [&] { paced(); receive_bytes("\x01N0", 3); }, idle_us},
+      {"parent output waits", [&] { paced(); ParentOutputBlocked(); }, idle_us},
+      {"switcher output waits", [&] { paced(); SwitcherOutputBlocked(); }, idle_us},
       {"a connect awaits its outcome",
-       [] { FlushedChanges(); set_flush_allow_for_test(now + 1);
-            connection_set_connect_in_progress_for_test(true); },
-       idle_us},
+       [&] { paced(); connection_set_connect_in_progress_for_test(true); }, idle_us},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

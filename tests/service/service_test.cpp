@@ -34,6 +34,27 @@ void load_tables(const char* base, const char* count) {
   recompute_active_counts(router_input_count(), router_output_count());
 }
 
+// Requests as the parent writes them, and the plain replies to them.
+std::string route(const std::string& id, const std::string& fields) {
+  return "*COMMAND=route output\n*TYPE=command\n*ID=" + id + "\n" + fields + "\n";
+}
+std::string routed(const std::string& id) {
+  return "*COMMAND=route output\n*TYPE=reply\n*ID=" + id + "\n\n";
+}
+std::string report(const std::string& id) {
+  return "*COMMAND=report\n*TYPE=command\n*ID=" + id + "\nwhat=outputs\n\n";
+}
+std::string reported(const std::string& id) { return "*TYPE=reply\n*ID=" + id + "\n\n"; }
+
+// The ids of the records in out, in order.
+strings ids_of(const std::string& out) {
+  strings ids;
+  for (std::size_t at = 0; (at = out.find("*ID=", at)) != std::string::npos; at += 4) {
+    ids.push_back(out.substr(at + 4, out.find('\n', at) - at - 4));
+  }
+  return ids;
+}
+
 class CommandServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -159,10 +180,8 @@ TEST_F(CommandServiceTest, HeldBackThenSentOrDropped) {
 }
 
 TEST_F(CommandServiceTest, DispatcherRepliesAndErrorTexts) {
-  const std::string routed = "*COMMAND=route output\n*TYPE=reply\n*ID=3\n\n";
   const std::pair<std::string, std::string> cases[] = {  // request, reply
-      // With the link down there is no status loop.
-      {"*COMMAND=report\n*TYPE=command\n*ID=5\nwhat=outputs\n\n", "*TYPE=reply\n*ID=5\n\n"},
+      {report("5"), reported("5")},  // with the link down there is no status loop
       // Error paths follow; the black-box tests show the others.
       {"*COMMAND=set\n*TYPE=command\n*ID=9\nname=outputs\nvalue=1\n\n",
        "*COMMAND=set\n*ERROR=Unknown command set\n*TYPE=reply\n*ID=9\n\n"},
@@ -188,7 +207,7 @@ TEST_F(CommandServiceTest, DispatcherRepliesAndErrorTexts) {
   for (const auto& [fields, queued] : routes) {
     SCOPED_TRACE(fields);
     reset_route_queues();
-    EXPECT_EQ(routed, Request("*COMMAND=route output\n*TYPE=command\n*ID=3\n" + fields + "\n"));
+    EXPECT_EQ(routed("3"), Request(route("3", fields)));
     std::string got;
     for (const route_change& r : queued_route_changes()) {
       got += std::to_string(r.input) + ">" + std::to_string(r.output);
@@ -207,10 +226,8 @@ TEST_F(CommandServiceTest, RequestServedWhileAnotherWaits) {
     strings sent;
   };
   const Case cases[] = {
-      {"16", "*COMMAND=route output\n*TYPE=command\n*ID=70\nqueue=flush\n\n",
-       "*COMMAND=route output\n*TYPE=reply\n*ID=70\n\n", {"TI 5 A"}},
-      {"3", "*COMMAND=report\n*TYPE=command\n*ID=71\nwhat=outputs\n\n",
-       "*TYPE=reply\n*ID=71\n\n", {"QI 1 0", "QI 2 0", "QI 3 0"}},
+      {"16", route("70", "queue=flush\n"), routed("70"), {"TI 5 A"}},
+      {"3", report("71"), reported("71"), {"QI 1 0", "QI 2 0", "QI 3 0"}},
   };
   LinkUp(true);
   sw.hold_fd = parent_.in[0];  // the switcher answers once the nested request is read
@@ -220,9 +237,8 @@ TEST_F(CommandServiceTest, RequestServedWhileAnotherWaits) {
     reset_route_queues();
     add_route_change({9, 4});
     const std::size_t before = sw.heard.size();
-    EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=80\n\n" + c.outer_reply,
-              Request(c.outer + "*COMMAND=route output\n*TYPE=command\n*ID=80\nfrom input=1\n"
-                      "queue=add\nto output=2\n\n"));
+    EXPECT_EQ(routed("80") + c.outer_reply,
+              Request(c.outer + route("80", "from input=1\nqueue=add\nto output=2\n")));
     EXPECT_EQ(c.sent, SentSince(before));
     // The nested add was queued after the flush had taken the queue.
     ASSERT_FALSE(queued_route_changes().empty());
@@ -257,14 +273,15 @@ TEST_F(CommandServiceTest, NestedBatchKeepsTheNewestChangeLast) {
     switcher_step();
     for (int i = 0; i < 512; ++i) poll_parent_message();
   });
-  const std::string flush = "*COMMAND=route output\n*TYPE=command\n*ID=2\nqueue=flush\n\n";
+  const std::string flush = route("2", "queue=flush\n");
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     set_flush_allow_for_test(0);
     for (const route_change& r : c.outer) add_route_change(r);
     const std::size_t before = sw.heard.size();
-    static_cast<void>(Request(flush + "*COMMAND=route output\n*TYPE=command\n*ID=1\nfrom input=9\n"
-                              "queue=add\nto output=" + c.nested_output + "\n\n" + flush));
+    static_cast<void>(Request(
+        flush + route("1", "from input=9\nqueue=add\nto output=" + std::string(c.nested_output) + "\n") +
+        flush));
     EXPECT_EQ(c.sent, SentSince(before));
     // The nested batch restarted the pacing and armed the queue timeout at
     // its own start; 66 ms follow for every command actually sent.
@@ -284,8 +301,7 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   (void)stderr_of(connection_close);
   EXPECT_EQ(strings{}, Flush({{2, 4}}));
   add_route_change({3, 5});
-  EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=1\n\n",
-            Request("*COMMAND=route output\n*TYPE=command\n*ID=1\nqueue=discard\n\n"));
+  EXPECT_EQ(routed("1"), Request(route("1", "queue=discard\n")));
   EXPECT_TRUE(queued_route_changes().empty());
   EXPECT_FALSE(send_queue_empty());  // a discard leaves flushed changes alone
   sw.heard.clear();
@@ -320,13 +336,11 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   const std::size_t before = SentSince(0).size();
   EXPECT_EQ(strings{}, Flush({{1, 0}}));
   EXPECT_FALSE(send_queue_empty());
-  EXPECT_EQ("*TYPE=reply\n*ID=2\n\n",
-            Request("*COMMAND=report\n*TYPE=command\n*ID=2\nwhat=outputs\n\n"));
+  EXPECT_EQ(reported("2"), Request(report("2")));
   // Nor while a synchronisation is pending.
   load_tables("1", "4");
   raise_flag(process_flag::sync_needed);
-  EXPECT_EQ("*TYPE=reply\n*ID=3\n\n",
-            Request("*COMMAND=report\n*TYPE=command\n*ID=3\nwhat=outputs\n\n"));
+  EXPECT_EQ(reported("3"), Request(report("3")));
   EXPECT_EQ(strings{}, SentSince(before));
 }
 
@@ -350,21 +364,18 @@ TEST_F(CommandServiceTest, QueuesKeepTheNewestChangePerOutput) {
 // request waiting, then answers them oldest first. One read at the top shares
 // that loop; with no loop possible, all are answered at once, still in order.
 TEST_F(CommandServiceTest, StatusRequestsReadInAWaitShareOneLoopAtTheTop) {
-  const auto report = [](const char* id) {
-    return std::string("*COMMAND=report\n*TYPE=command\n*ID=") + id + "\nwhat=outputs\n\n";
-  };
   struct Case {
     const char* name;
     bool link_down;     // the link closes after the nested requests
     std::string top;    // read at the top; none: the main loop's step answers
-    std::string ids;    // the replies' ids, in order
+    strings ids;        // the replies' ids, in order
   };
   const Case cases[] = {
-      {"the main loop's step", false, "", "81 82 "},
-      {"a request read at the top shares the loop", false, report("83"), "81 82 83 "},
+      {"the main loop's step", false, "", {"81", "82"}},
+      {"a request read at the top shares the loop", false, report("83"), {"81", "82", "83"}},
       // Error paths follow: no loop possible, all answered at once, in order.
-      {"a request read at the top", true, report("84"), "81 82 84 "},
-      {"the main loop's step", true, "", "81 82 "},
+      {"a request read at the top", true, report("84"), {"81", "82", "84"}},
+      {"the main loop's step", true, "", {"81", "82"}},
   };
   load_tables("1", "2");
   set_parent_poll_handler(+[] { switcher_step(); serve_parent_during_wait(); });
@@ -375,20 +386,13 @@ TEST_F(CommandServiceTest, StatusRequestsReadInAWaitShareOneLoopAtTheTop) {
     add_route_change({1, 1});
     set_flush_allow_for_test(0);
     std::size_t before = sw.heard.size();
-    EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=70\n\n",
-              Request("*COMMAND=route output\n*TYPE=command\n*ID=70\nqueue=flush\n\n" +
-                      report("81") + report("82")));
+    EXPECT_EQ(routed("70"), Request(route("70", "queue=flush\n") + report("81") + report("82")));
     EXPECT_EQ(strings{"TI 2 2"}, SentSince(before));
     EXPECT_EQ(2u, deferred_status_requests());
     if (c.link_down) (void)stderr_of(connection_close);
     before = sw.heard.size();
     if (c.top.empty()) answer_deferred_status_requests();
-    std::string ids;
-    const std::string out = Request(c.top);
-    for (std::size_t at = 0; (at = out.find("*ID=", at)) != std::string::npos; at += 4) {
-      ids += out.substr(at + 4, out.find('\n', at) - at - 4) + " ";
-    }
-    EXPECT_EQ(c.ids, ids);
+    EXPECT_EQ(c.ids, ids_of(Request(c.top)));
     const strings loop = c.link_down ? strings{} : strings{"QI 1 0", "QI 2 0"};
     EXPECT_EQ(loop, SentSince(before));
     EXPECT_EQ(0u, deferred_status_requests());
@@ -420,9 +424,8 @@ TEST_F(CommandServiceTest, NestingStopsAtTheLimitAndNothingIsLost) {
   strings sent;
   for (int o = 0; o < 10; ++o) {
     const std::string n = std::to_string(o);
-    text += "*COMMAND=route output\n*TYPE=command\n*ID=a" + n + "\nfrom input=1\nqueue=add\n"
-            "to output=" + n + "\n\n*COMMAND=route output\n*TYPE=command\n*ID=f" + n +
-            "\nqueue=flush\n\n";
+    text += route("a" + n, "from input=1\nqueue=add\nto output=" + n + "\n") +
+            route("f" + n, "queue=flush\n");
     ids.insert(ids.end(), {"a" + n, "f" + n});
     char take[16];
     std::snprintf(take, sizeof take, "TI %X 2", o + 1);
@@ -434,11 +437,7 @@ TEST_F(CommandServiceTest, NestingStopsAtTheLimitAndNothingIsLost) {
   });
   EXPECT_EQ(max_nested_waits, deepest);
   EXPECT_EQ(std::string::npos, log.find("<ERR>")) << log;
-  const std::string replies = parent_pipes_output(parent_);
-  strings replied;
-  for (std::size_t at = 0; (at = replies.find("*ID=", at)) != std::string::npos; at += 4) {
-    replied.push_back(replies.substr(at + 4, replies.find('\n', at) - at - 4));
-  }
+  strings replied = ids_of(parent_pipes_output(parent_));
   strings heard = SentSince(0);
   for (strings* list : {&ids, &sent, &replied, &heard}) std::sort(list->begin(), list->end());
   EXPECT_EQ(ids, replied);
