@@ -63,12 +63,6 @@ bool synced(rig& r) {
   return true;
 }
 
-std::string send(rig& r, const parent_message& req, us_time_t now) {
-  const std::string id = client_send(r.backend, req);
-  r.sent[id] = now;
-  return id;
-}
-
 // When each reply arrived, by id.
 std::map<std::string, us_time_t> replies(const rig& r) {
   std::map<std::string, us_time_t> at;
@@ -127,7 +121,7 @@ struct report_flood {
 
 void tick(report_flood& f, us_time_t t0, us_time_t now) {
   if (now < t0 + f.end && now >= f.next) {
-    send(f.r, client_report_request("outputs"), now);
+    f.r.sent[client_send(f.r.backend, client_report_request("outputs"))] = now;
     f.next = std::max(f.next, t0) + f.period;
   }
   if (f.take && f.taken_at == 0 && now >= t0 + 5 * sec) {
@@ -280,7 +274,6 @@ void check(batch_flood& f) {
   }
   for (const auto& [output, input] : f.newest) EXPECT_EQ(input, routes[output]) << output;
   expect_stack_flat(f.r, "batch flood");
-
 }
 
 TEST(ParentLimitsTest, FloodsAndAStalledParentCostNoTallyLinkStackOrMemory) {
