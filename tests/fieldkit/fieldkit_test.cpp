@@ -110,26 +110,14 @@ TEST_F(FieldKitTest, DissectorTakesNoOtherTrafficForThisProtocol) {
       "\x06",
       "\x15" "0001\x04",
   };
-  // One conversation each, on ports of their own: text2pcap makes one
-  // capture of a hex dump (an offset starts each line, offset 0 a packet),
-  // mergecap joins them.
+  // One conversation each, on ports of their own: text2pcap makes a capture
+  // of one packet from the hex dump od writes, mergecap joins them.
   std::string parts;
   for (std::size_t i = 0; i < std::size(payloads); ++i) {
-    const std::string& p = payloads[i];
-    std::string dump;
-    for (std::size_t at = 0; at < p.size(); ++at) {
-      char text[32];
-      if (at % 16 == 0) {
-        std::snprintf(text, sizeof text, "%s%06zx", at == 0 ? "" : "\n", at);
-        dump += text;
-      }
-      std::snprintf(text, sizeof text, " %02x", static_cast<unsigned char>(p[at]));
-      dump += text;
-    }
     const std::string part = dir_.path + "/other" + std::to_string(i) + ".pcap";
     const std::string ports = std::to_string(40000 + 2 * i) + "," + std::to_string(40001 + 2 * i);
-    ASSERT_EQ("", Run("text2pcap -q -T " + ports + " " + dir_.write("other.txt", dump + "\n") +
-                      " " + part + " >/dev/null 2>&1 || echo failed"));
+    ASSERT_EQ("", Run("od -Ax -tx1 -v " + dir_.write("other", payloads[i]) + " | text2pcap -q -T " +
+                      ports + " - " + part + " >/dev/null 2>&1 || echo failed"));
     parts += " " + part;
   }
   const std::string capture = dir_.path + "/other.pcap";
