@@ -42,8 +42,8 @@ int parent_options_parse(int argc, char** argv, const char* program, const char*
     }
     if (known == nullptr) return fail(program, "unknown option " + opt + " (see --help)");
     if (i + 1 >= argc) return fail(program, opt + " wants a value (see --help)");
-    const std::string why = known->apply(argv[++i]);
-    if (!why.empty()) return fail(program, opt + " " + why);
+    std::string why = known->apply(argv[++i]);
+    if (!why.empty()) return fail(program, why.insert(0, opt + " "));
   }
   if (o.use_emulator && !o.config.empty()) {
     return fail(program, "--file and --emulator exclude each other");
