@@ -6,7 +6,6 @@ on a configuration naming it, and one or two browsers. Run by ctest, one test
 a case: panel_test.py PANEL BACKEND EMULATOR [Class.test_name].
 """
 import http.server
-import json
 import os
 import re
 import socket
