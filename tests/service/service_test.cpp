@@ -216,36 +216,6 @@ TEST_F(CommandServiceTest, DispatcherRepliesAndErrorTexts) {
   }
 }
 
-// A second request arrives while the first waits on the switcher: it is
-// answered inside the wait, and the first reply keeps its own id and command.
-TEST_F(CommandServiceTest, RequestServedWhileAnotherWaits) {
-  struct Case {
-    const char* outputs;
-    std::string outer;
-    std::string outer_reply;
-    strings sent;
-  };
-  const Case cases[] = {
-      {"16", route("70", "queue=flush\n"), routed("70"), {"TI 5 A"}},
-      {"3", report("71"), reported("71"), {"QI 1 0", "QI 2 0", "QI 3 0"}},
-  };
-  LinkUp(true);
-  sw.hold_fd = parent_.in[0];  // the switcher answers once the nested request is read
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.outer);
-    load_tables("1", c.outputs);
-    reset_route_queues();
-    add_route_change({9, 4});
-    const std::size_t before = sw.heard.size();
-    EXPECT_EQ(routed("80") + c.outer_reply,
-              Request(c.outer + route("80", "from input=1\nqueue=add\nto output=2\n")));
-    EXPECT_EQ(c.sent, SentSince(before));
-    // The nested add was queued after the flush had taken the queue.
-    ASSERT_FALSE(queued_route_changes().empty());
-    EXPECT_EQ(2, queued_route_changes().back().output);
-  }
-}
-
 // A flush served while a batch waits on its first "TI" runs a batch of its
 // own. The waiting batch then skips the output that one sent, which adds
 // nothing to the pacing, and still sends the rest of its slots.
@@ -342,21 +312,6 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   raise_flag(process_flag::sync_needed);
   EXPECT_EQ(reported("3"), Request(report("3")));
   EXPECT_EQ(strings{}, SentSince(before));
-}
-
-// However many changes the parent adds or flushes, each queue holds the
-// newest per output only: what a flush would send anyway.
-TEST_F(CommandServiceTest, QueuesKeepTheNewestChangePerOutput) {
-  for (int i = 0; i < 1000; ++i) add_route_change({i, i % 3});
-  std::string queued;
-  for (const route_change& r : queued_route_changes()) {
-    queued += std::to_string(r.input) + ">" + std::to_string(r.output) + " ";
-  }
-  EXPECT_EQ("997>1 998>2 999>0 ", queued);
-  flush_route_changes();  // the link is down: they wait in the send queue
-  add_route_change({5, 1});
-  LinkUp(false);
-  EXPECT_EQ((strings{"TI 1 3E8", "TI 2 6", "TI 3 3E7"}), Flush({}));
 }
 
 // "report outputs" read while another request waits on the switcher starts no
