@@ -82,13 +82,6 @@ TEST_F(RouterTablesTest, DestinationScan) {
   }
 }
 
-// From base 1 the last position is 3FF; group values keep their low 32 bits.
-TEST_F(RouterTablesTest, CountAndGroupValueBounds) {
-  update_dest_info({nq({"D", "2", "one", "1", "x", "0", "far", "3FF", "x", "FFFFFFFF5"})});
-  EXPECT_EQ(1023u, router_output_count());
-  EXPECT_EQ(0xFFFFFFF5u, router_outputs_info().back().group_value);  // the low 32 bits
-}
-
 TEST_F(RouterTablesTest, LevelScan) {
   update_levels_info({nq({"L", "2", "Video", "0", "x", "Audio", "1F", "x"})});
   ASSERT_EQ(32u, router_levels().size());
