@@ -37,14 +37,6 @@ TEST(ParentMessageTest, ParsesLines) {
   for (const auto& [text, expected] : cases) EXPECT_EQ(Text(expected), Text(Parse(text))) << text;
 }
 
-TEST(ParentMessageTest, SerialisesReservedFieldsFirst) {
-  const parent_message all{"x\ny", "e", "t", "i", {{"b", ""}, {"a", "1"}, {"ab", "2"}}};
-  std::string out = "x";  // serialising appends
-  parent_message_serialise(all, out);
-  EXPECT_EQ("x*COMMAND=x\n*COMMAND=y\n*ERROR=e\n*TYPE=t\n*ID=i\na=1\nab=2\nb=\n\n", out);
-  EXPECT_EQ("\n", Text(parent_message{}));
-}
-
 TEST(ParentMessageTest, MultiLineValuesBothWays) {
   struct Case {
     std::string value;
