@@ -20,17 +20,11 @@ constexpr long idle_us = 250'000;
 constexpr long pacing_us = 50'000;
 constexpr us_time_t now = 1'000'000'000;
 
-class MainLoopWaitTest : public ::testing::Test {
+class MainLoopWaitTest : public SwitcherTest {
  protected:
-  void SetUp() override { Reset(); }
-  void TearDown() override {
-    switcher_teardown();
-    parent_pipes_close(parent_);
-  }
   void Reset() {
     TearDown();
-    switcher_reset();
-    ASSERT_TRUE(parent_pipes_open(parent_));
+    SetUp();
   }
   // Flushed changes that no link takes: they stay in the send queue.
   static void FlushedChanges() {
@@ -57,8 +51,6 @@ class MainLoopWaitTest : public ::testing::Test {
     connection_queue_and_write(bytes.data(), bytes.size());
     ASSERT_TRUE(connection_tx_pending());
   }
-
-  parent_pipes parent_;
 };
 
 TEST_F(MainLoopWaitTest, ShortWaitOnlyWhilePacedChangesAreAllThatIsPending) {

@@ -55,16 +55,11 @@ strings ids_of(const std::string& out) {
   return ids;
 }
 
-class CommandServiceTest : public ::testing::Test {
+class CommandServiceTest : public SwitcherTest {
  protected:
   void SetUp() override {
-    switcher_reset();
-    ASSERT_TRUE(parent_pipes_open(parent_));
+    SwitcherTest::SetUp();
     load_tables("1", "16");
-  }
-  void TearDown() override {
-    switcher_teardown();
-    parent_pipes_close(parent_);
   }
 
   // Brings the link up with the synchronisation done; each wait cycle steps
@@ -96,8 +91,6 @@ class CommandServiceTest : public ::testing::Test {
     for (std::size_t i = 0; i < text.size() + 4; ++i) poll_parent_message();
     return parent_pipes_output(parent_);
   }
-
-  parent_pipes parent_;
 };
 
 // Each batch paces 66 ms per command sent, 750 ms at most, counted from its

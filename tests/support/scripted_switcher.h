@@ -73,3 +73,17 @@ struct parent_pipes {
 void parent_pipes_close(parent_pipes& p);
 // Everything the channel wrote and the test has not read yet.
 std::string parent_pipes_output(const parent_pipes& p);
+
+// A fixture with the modules reset, sw listening and the parent channel on pipes.
+class SwitcherTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    switcher_reset();
+    ASSERT_TRUE(parent_pipes_open(parent_));
+  }
+  void TearDown() override {
+    switcher_teardown();
+    parent_pipes_close(parent_);
+  }
+  parent_pipes parent_;
+};

@@ -31,18 +31,7 @@ std::string lines_starting(const std::string& log, const strings& prefixes) {
   return out;
 }
 
-class SynchronisationTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    switcher_reset();
-    ASSERT_TRUE(parent_pipes_open(parent_));
-  }
-  void TearDown() override {
-    switcher_teardown();
-    parent_pipes_close(parent_);
-  }
-  parent_pipes parent_;
-};
+class SynchronisationTest : public SwitcherTest {};
 
 const strings whole_sequence = {"BK",      "BK N", "BK R", "BK T",  "BK I 15",
                                 "BK E OFF", "BK D", "QN L", "QN IS", "QN ID"};
