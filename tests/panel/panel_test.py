@@ -307,13 +307,13 @@ class SlowSwitcherPanelTest(PanelCase):
     def test_take_is_pending_then_lit_in_every_browser(self):
         first, second = self.open(), self.open()
         click_cell(first, 2, 5)
-        self.assertTrue(cell(first, 2, 5, ".armed"))
+        until(lambda: cell(first, 2, 5, ".armed"), what="armed")  # drawn at the next frame
         first.find_element(By.TAG_NAME, "body").send_keys(Keys.ENTER)
         until(lambda: cell(second, 2, 5, ".pending"), what="pending in the other browser")
         self.assertFalse(cell(first, 2, 5, ".lit"))
         for d in (first, second):
             until(lambda: cell(d, 2, 5, ".lit"), what="lit in both")
-        self.assertFalse(cell(first, 2, 5, ".pending"))
+        until(lambda: not cell(first, 2, 5, ".pending"), what="pending cleared")
         self.assertEqual(["TI 3 6"], self.emu.received("TI"))
 
 
