@@ -355,6 +355,13 @@ class ServerLimitsTest(PanelCase):
     def test_limits(self):
         self.sockets = []
         pid = self.panel.proc.pid
+        with urllib.request.urlopen(self.panel.url + "events", timeout=WAIT) as events:
+            # The URL is printed at the backend's first record; takes wait for the link.
+            for line in events:
+                if b'"link":"connected"' in line:
+                    break
+            else:
+                self.fail("the stream ended before the link was connected")
         self.assertEqual(["%d" % pid], os.listdir("/proc/%d/task" % pid))
         secret = re.search(r'panel-secret" content="(\w+)',
                            urllib.request.urlopen(self.panel.url, timeout=10).read().decode())[1]
