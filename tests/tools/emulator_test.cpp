@@ -54,30 +54,6 @@ TEST_F(SwitcherEmulatorTest, AnswersEachRequestForm) {
   }
 }
 
-TEST_F(SwitcherEmulatorTest, TakesAndRenamesFeedStatusPolling) {
-  EXPECT_EQ("ER|00|TI", Ask("TI", {"3", "5"}));
-  EXPECT_EQ("ER|00|TI", Ask("TI", {"1", "1"}));
-  EXPECT_EQ("+DQ|OUT 1|1 / DQ|OUT 3|3", Ask("QD"));
-  EXPECT_EQ("ER|00|QD", Ask("QD"));  // answering cleared the changed set
-  EXPECT_EQ("IQ|3|0|0|0|5", Ask("QI", {"3", "0"}));
-  EXPECT_EQ("KB|F|0", Ask("BK", {"F"}));  // a take alone changes no names
-  ASSERT_TRUE(emulator_rename(cfg, st, true, 2, "Studio B"));
-  EXPECT_EQ("KB|F|4", Ask("BK", {"F"}));
-  EXPECT_NE(std::string::npos, Ask("QN", {"ID"}).find("|OUT 1|1|0|3|Studio B|2|0|3|"));
-  EXPECT_EQ("DQ|Studio B|2", Ask("QD"));
-  // Renaming source 5 changes what destinations 3 and 5 (from start-up) show.
-  ASSERT_TRUE(emulator_rename(cfg, st, false, 5, "Cam Five"));
-  EXPECT_EQ("+DQ|OUT 3|3 / DQ|OUT 5|5", Ask("QD"));
-  EXPECT_EQ("ER|00|BK", Ask("BK", {"f", "4"}));
-  EXPECT_EQ("KB|F|10", Ask("BK", {"F"}));
-  // Error paths follow: nothing changes.
-  EXPECT_FALSE(emulator_rename(cfg, st, true, 17, "X"));
-  EXPECT_FALSE(emulator_rename(cfg, st, true, 1, "A\tB"));
-  EXPECT_FALSE(emulator_take(cfg, st, 0, 1));
-  EXPECT_EQ("KB|F|10", Ask("BK", {"F"}));
-  EXPECT_EQ("ER|00|QD", Ask("QD"));
-}
-
 // A switcher the emulator cannot be is refused with the reason; so is an
 // option it does not know or a value out of range, before it listens.
 TEST(SwitcherEmulatorSetUpTest, RefusesWhatNoSwitcherIs) {
