@@ -1,7 +1,7 @@
-// A flaky switcher: the backend logs what went wrong, reconnects no more often
-// than every 5 s, synchronises from scratch and keeps serving its parent. A
-// hang-up's own line and a full resynchronisation after a reconnect are shown
-// by the router and system tests.
+// A switcher that only acknowledges the handshake: the backend resends it every
+// 100 ms, gives up after 5 s and closes the link. A silent switcher, a hang-up
+// and reconnecting every 5 s are shown by the router and synchronisation tests
+// and, against the emulator's chaos, by the fault soak.
 #include <chrono>
 
 #include "blackbox/system_fixture.h"
@@ -9,47 +9,17 @@
 
 namespace {
 
-using steady = std::chrono::steady_clock;
-
-class RecoveryTest : public SystemTest {
- protected:
-  // Waits for the emulator's next client; returns when it connected.
-  steady::time_point NextClient() {
-    EXPECT_NE("", wait_for_stderr(emu_, "client connected"));
-    return steady::now();
-  }
-  static double SecondsSince(steady::time_point t) {
-    return std::chrono::duration<double>(steady::now() - t).count();
-  }
-};
-
-// The link is closed 3 s after an unanswered request and rebuilt 5 s after
-// the first attempt started, the parent served meanwhile.
-TEST_F(RecoveryTest, SilentSwitcherTimesOutAndTheLinkIsRebuilt) {
-  StartEmulator({"--silent-after", "4"});
-  StartBackend();
-  const steady::time_point first = NextClient();
-  ASSERT_NE("", wait_for_stderr(emu_, "recv BK I 15"));
-  const steady::time_point sent = steady::now();
-  EXPECT_EQ("<ERR>Timeout receiving message\n", wait_for_stderr(backend_, "<ERR>"));
-  EXPECT_GT(SecondsSince(sent), 2.5);
-  EXPECT_LT(SecondsSince(sent), 5.0);
-  EXPECT_EQ(link_closed, wait_for_stderr(backend_, "<NOTE>"));
-  Send("*COMMAND=report\n*TYPE=command\n*ID=2\nwhat=inputs\n\n");  // served with the link down
-  EXPECT_EQ("*TYPE=reply\n*ID=2\n", WaitRecord("*ID=2"));
-  NextClient();
-  EXPECT_GT(SecondsSince(first), 4.0);
-  EXPECT_LT(SecondsSince(first), 8.0);
-  EXPECT_NE("", wait_for_stderr(emu_, "recv BK N"));
-}
+class RecoveryTest : public SystemTest {};
 
 TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
   StartEmulator({"--ack-only"});
   StartBackend();
-  const steady::time_point start = NextClient();
+  EXPECT_NE("", wait_for_stderr(emu_, "client connected"));
+  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ("<ERR>Timeout sending message\n", wait_for_stderr(backend_, "<ERR>"));
-  EXPECT_GT(SecondsSince(start), 4.0);
-  EXPECT_LT(SecondsSince(start), 7.0);
+  const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GT(waited.count(), 4.0);
+  EXPECT_LT(waited.count(), 7.0);
   EXPECT_EQ(link_closed, wait_for_stderr(backend_, link_closed));
   // Resent every 100 ms: about fifty handshakes on the connection given up.
   // A loaded machine stretches the resend cycles, never shortens them, so
