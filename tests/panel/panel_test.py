@@ -46,7 +46,9 @@ class Emulator:
     """The switcher emulator, its controls and its frame log."""
 
     def __init__(self, *options, port="0"):
-        self.proc = subprocess.Popen([EMULATOR, "--port", port, "--verbose", *options],
+        self.config = tempfile.NamedTemporaryFile(suffix=".cfg")  # a backend's, naming it
+        self.proc = subprocess.Popen([EMULATOR, "--port", port, "--verbose",
+                                      "--backend-config", self.config.name, *options],
                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                      stderr=subprocess.PIPE)
         self.port = self.proc.stdout.readline().split()[-1].decode()
@@ -73,11 +75,9 @@ class Panel:
     """The panel on a configuration naming the emulator; url is empty when it
     did not start."""
 
-    def __init__(self, emulator, directory, *options):
-        config = os.path.join(directory, "router.cfg")
-        with open(config, "w") as f:
-            f.write("ip address = 127.0.0.1\nport = %s\n" % emulator.port)
-        self.proc = subprocess.Popen([PANEL, "--backend", BACKEND, "--file", config, *options],
+    def __init__(self, emulator, *options):
+        self.proc = subprocess.Popen([PANEL, "--backend", BACKEND, "--file", emulator.config.name,
+                                      *options],
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.url = self.proc.stdout.readline().strip()
 
@@ -118,9 +118,8 @@ class PanelCase(unittest.TestCase):
     panel_options = ()
 
     def setUp(self):
-        self.dir = tempfile.TemporaryDirectory()
         self.emu = Emulator(*self.emulator_options)
-        self.panel = Panel(self.emu, self.dir.name, *self.panel_options)
+        self.panel = Panel(self.emu, *self.panel_options)
         self.browsers = []
 
     def tearDown(self):
@@ -128,7 +127,6 @@ class PanelCase(unittest.TestCase):
             b.quit()
         self.assertEqual(0, self.panel.stop())
         self.emu.stop()
-        self.dir.cleanup()
 
     def open(self):
         d = browser()
@@ -286,7 +284,7 @@ class PanelRestartTest(PanelCase):
         d.find_element(By.ID, "hot").click()
         click_cell(d, 2, 4)
         until(lambda: "unreachable" in message(d), what="click refused")
-        self.panel = Panel(self.emu, self.dir.name, "--listen", "127.0.0.1:" + port)
+        self.panel = Panel(self.emu, "--listen", "127.0.0.1:" + port)
         until(lambda: "unreachable" not in d.find_element(By.TAG_NAME, "body").get_attribute("class"),
               what="back")
         wait_link(d, "connected")

@@ -81,6 +81,8 @@ TEST(SwitcherEmulatorSetUpTest, RefusesWhatNoSwitcherIs) {
       {{"--seed"}, "--seed wants a value (see --help)"},
       {{"--output-names", dir.path}, dir.path + " is a directory"},
       {{"--close-random", "0"}, "--close-random wants a number from 1 to 4294967295"},
+      {{"--port", "0", "--backend-config", dir.path + "/none/r.cfg"},
+       "cannot write " + dir.path + "/none/r.cfg"},
   };
   for (const auto& [args, reason] : options) {
     child_process emu;

@@ -158,8 +158,8 @@ std::string client_start_emulator(child_process& emu, const std::string& path,
   return first.substr(first.find_last_of(' ') + 1);
 }
 
-std::string client_emulator_config(const std::string& port) {
-  return "ip address = 127.0.0.1\nport = " + port + "\n";
+std::string client_emulator_config(const std::string& port, const std::string& address) {
+  return "ip address = " + address + "\nport = " + port + "\n";
 }
 
 std::string client_start_emulated(child_process& emu, const std::string& path,

@@ -103,8 +103,10 @@ std::string client_send(parent_client& c, parent_message req);
                                                 int timeout_ms);
 
 // The configuration that points a backend at the emulator listening on port
-// on loopback: the one place it is written.
-[[nodiscard]] std::string client_emulator_config(const std::string& port);
+// of address: the one place it is written (the emulator's --backend-config
+// writes it too).
+[[nodiscard]] std::string client_emulator_config(const std::string& port,
+                                                 const std::string& address = "127.0.0.1");
 
 // client_start_emulator, then that configuration written into dir as
 // "router.cfg"; returns the file's path (and the port into *port), or ""

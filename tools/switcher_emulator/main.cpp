@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "parent_client/client.h"
 #include "switcher_emulator/control.h"
 #include "switcher_emulator/pcap.h"
 #include "switcher_emulator/server.h"
@@ -35,6 +36,8 @@ constexpr const char* usage_text =
     "  --verbose                log every frame and event on stderr\n"
     "  --no-controls            do not read control lines from stdin\n"
     "  --pcap FILE              record the client traffic as a pcap capture\n"
+    "  --backend-config FILE    once listening, write a backend configuration\n"
+    "                           naming this address and port into FILE\n"
     "faults (random ones drawn from --seed N, default 1):\n"
     "  --close-after N  --close-random N  --silent-after N  --ack-only\n"
     "  --delay MS  --delay-jitter MS  --split-writes  --garbage N\n"
@@ -155,6 +158,7 @@ bool apply_option(const std::string& opt, const std::string& v, emulator_server&
   else if (opt == "--levels") return parse_levels(v, c);
   else if (opt == "--routes") return parse_routes(v, c);
   else if (opt == "--pcap") o.pcap_path = v;
+  else if (opt == "--backend-config") o.backend_config_path = v;
   return true;
 }
 
@@ -164,7 +168,7 @@ constexpr const char* value_options[] = {
     "--close-random", "--delay", "--delay-jitter", "--garbage", "--corrupt-random",
     "--refuse-for", "--chaos-slice", "--seed", "--silent-after", "--rename-after", "--bind",
     "--model", "--firmware-type", "--firmware-revision", "--output-names", "--input-names",
-    "--levels", "--routes", "--pcap"};
+    "--levels", "--routes", "--pcap", "--backend-config"};
 
 bool takes_value(const std::string& opt) {
   for (const char* v : value_options) {
@@ -238,6 +242,17 @@ int main(int argc, char** argv) {
   std::signal(SIGTTOU, SIG_IGN);
   if (!s.opt.pcap_path.empty() && !pcap_open(s.opt.pcap_path.c_str())) return 1;
   if (!server_open(s)) return 1;
+  // Written before the first line, so that whoever reads that line finds it.
+  if (!s.opt.backend_config_path.empty()) {
+    std::ofstream cfg(s.opt.backend_config_path, std::ios::trunc);
+    cfg << client_emulator_config(std::to_string(s.port), s.opt.bind_address);
+    if (!cfg.flush()) {
+      (void)fail("cannot write " + s.opt.backend_config_path);
+      server_close(s);
+      pcap_close();
+      return 1;
+    }
+  }
   std::signal(SIGINT, on_signal);
   std::signal(SIGTERM, on_signal);
   std::signal(SIGHUP, on_signal);

@@ -23,6 +23,7 @@ struct emulator_server_options {
   bool chaos = false;                      // start with chaos on
   std::uint32_t chaos_slice_ms = 3000;     // mean length of a chaos slice
   std::string pcap_path;                   // record the client traffic here; empty: no
+  std::string backend_config_path;         // write a backend configuration naming us here
 };
 
 // Bytes waiting for the client; written from sent onwards once due.
