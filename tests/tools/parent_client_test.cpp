@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr int wait_ms = 15000;
-
 TEST(ParentClientTest, StopEndsInputFirstAndSignalsOnlyWhenThatFails) {
   struct Case {
     const char* script;
