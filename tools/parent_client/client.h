@@ -104,7 +104,7 @@ std::string client_send(parent_client& c, parent_message req);
 
 // The configuration that points a backend at the emulator listening on port
 // of address: the one place it is written (the emulator's --backend-config
-// writes it too).
+// writes it through this).
 [[nodiscard]] std::string client_emulator_config(const std::string& port,
                                                  const std::string& address = "127.0.0.1");
 
