@@ -1,3 +1,5 @@
+// The record text form, the record reader and its bound, and the channel
+// with flow control.
 #include "parent/channel.h"
 
 #include <gtest/gtest.h>
@@ -5,13 +7,112 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <map>
 #include <string>
 
+#include "parent/record_reader.h"
 #include "support/scripted_switcher.h"
 
 namespace {
+
+std::string Text(const parent_message* msg) {
+  std::string text;
+  if (msg == nullptr) return "none";
+  parent_message_serialise(*msg, text);
+  return text;
+}
+
+// Parses text line by line, as the channel hands the lines over.
+parent_message Parse(const std::string& text) {
+  parent_message msg;
+  for (std::size_t at = 0, nl; at < text.size(); at = nl + 1) {
+    nl = std::min(text.find('\n', at), text.size());
+    parent_message_parse_line(msg, std::string_view(text).substr(at, nl - at));
+  }
+  return msg;
+}
+
+TEST(ParentMessageTest, ParsesLines) {
+  const std::pair<std::string, parent_message> cases[] = {
+      {"*COMMAND=report\n*ID=17\nreport=info", {"report", "", "", "17", {{"report", "info"}}}},
+      {"*ERROR=bad\n*TYPE=reply\n*COMMAND=a=b\nk==v", {"a=b", "bad", "reply", "", {{"k", "=v"}}}},
+      {"k=a\nk=b\n*ID=1\n*ID=2", {"", "", "", "1\n2", {{"k", "a\nb"}}}},
+      {"k=\nk=b\ne=", {"", "", "", "", {{"e", ""}, {"k", "b"}}}},  // an empty first line is dropped
+      {"*COMMANDX=a\n*command=b\n*ID\n=c",
+       {"", "", "", "", {{"*COMMANDX", "a"}, {"*command", "b"}, {"", "c"}}}},
+      {std::string("k=v\0w\n\0k=v", 10), {"", "", "", "", {{"k", "v"}}}},  // NUL ends the text
+      {"report\n\r\n", {}},
+  };
+  for (const auto& [text, expected] : cases) {
+    const parent_message got = Parse(text);
+    EXPECT_EQ(Text(&expected), Text(&got)) << text;
+  }
+}
+
+TEST(ParentMessageTest, MultiLineValuesBothWays) {
+  struct Case {
+    std::string value;
+    std::string text;
+    std::string read_back;
+  };
+  const Case cases[] = {
+      {"", "N=\n", ""},
+      {"a\nb", "N=a\nN=b\n", "a\nb"},
+      {"a\n", "N=a\nN=\n", "a\n"},
+      {"a\n\nb", "N=a\nN=\nN=b\n", "a\n\nb"},
+      {"\nb", "N=\nN=b\n", "b"},  // lost: an empty value takes the next line whole
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.value);
+    parent_message msg;
+    msg.fields["N"] = c.value;
+    EXPECT_EQ(c.text + "\n", Text(&msg));
+    EXPECT_EQ(c.read_back, parent_field(Parse(Text(&msg)), "N"));
+  }
+}
+
+// A record's text counts its lines and their line ends, not "\r" and not the
+// empty line ending it; one going past the limit is dropped, and the next
+// record after the empty line that ends it reads as it would alone. The
+// reader never holds more line and record text than the limit and a byte.
+TEST(ParentRecordReaderTest, RecordsOverTheLimitAreDroppedAndReadingResumes) {
+  const std::string next = "*COMMAND=b\n\n";
+  const std::pair<std::string, std::string> cases[] = {  // input, then records or "#" per drop
+      {"*COMMAND=a\nk=12345\n\n", "*COMMAND=a\nk=12345\n\n"},       // 19 bytes: at the limit
+      {"*COMMAND=a\r\nk=12345\r\n\r\n", "*COMMAND=a\nk=12345\n\n"},  // "\r" does not count
+      {"*COMMAND=a\nk=123456\n\n" + next, "#*COMMAND=b\n\n"},       // its line end goes past
+      {"*COMMAND=a\nk=1234567\n\n" + next, "#*COMMAND=b\n\n"},      // a byte goes past
+      {"k=" + std::string(100, 'v') + "\nmore\n\n" + next, "#*COMMAND=b\n\n"},
+      // A record of only a type and an id goes on over empty lines, and grows.
+      {"*TYPE=x\n\n*TYPE=x\n\n*TYPE=x\n\n" + next, "#*COMMAND=b\n\n"},
+      // Lines the parser ignores, ended by an empty line, start no record.
+      {"no equals here\n\n" + next, "*COMMAND=b\n\n"},
+      // Two records over the limit in a row: one drop each.
+      {std::string(30, 'x') + "\n\n" + std::string(30, 'y') + "\n\n" + next, "##*COMMAND=b\n\n"},
+  };
+  for (const auto& [input, events] : cases) {
+    SCOPED_TRACE(input);
+    parent_record_reader r;
+    r.limit = 19;
+    std::string got;
+    std::size_t held_most = 0;
+    for (char c : input) {
+      const parent_read_result result = parent_reader_take(r, c);
+      if (result == parent_read_result::complete) {
+        parent_message_serialise(r.record, got);
+        parent_reader_restart(r);
+      }
+      if (result == parent_read_result::dropped) got += "#";
+      std::string held;
+      parent_message_serialise(r.record, held);
+      held_most = std::max(held_most, r.line.size() + held.size());
+    }
+    EXPECT_EQ(events, got);
+    EXPECT_LE(held_most, 19u + 1);
+  }
+}
 
 // The channel over two non-blocking pipes: the test writes the parent's
 // requests into in_ and reads the backend's output from out_.
@@ -30,12 +131,6 @@ class ParentChannelTest : public testing::Test {
     int n = -1;
     ioctl(p_.in[0], FIONREAD, &n);
     return n;
-  }
-  static std::string Text(const parent_message* msg) {
-    std::string text;
-    if (msg == nullptr) return "none";
-    parent_message_serialise(*msg, text);
-    return text;
   }
   std::string Drain() { return parent_pipes_output(p_); }
   // Fills the output pipe, so that what the channel sends stays unwritten.
