@@ -22,7 +22,7 @@
 
 scripted_switcher sw;
 
-void switcher_reset() {
+void SwitcherTest::SetUp() {
   reset_configuration();
   reset_process_flags();
   reset_router_tables();
@@ -36,13 +36,15 @@ void switcher_reset() {
   ASSERT_GE(sw.listener.fd, 0);
   connection_set_target_for_test("127.0.0.1", sw.listener.port);
   set_parent_poll_handler(switcher_step);
+  ASSERT_TRUE(parent_pipes_open(parent_));
 }
 
-void switcher_teardown() {
+void SwitcherTest::TearDown() {
   set_parent_poll_handler(nullptr);
   (void)stderr_of(connection_reset_for_test);
   close_fd(sw.fd);
   close_fd(sw.listener.fd);
+  parent_pipes_close(parent_);
 }
 
 std::string switcher_link_up() {
