@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <tuple>
 
 #include "base/config.h"
 #include "base/flags.h"
@@ -173,16 +174,10 @@ TEST_F(CommandServiceTest, HeldBackThenSentOrDropped) {
 }
 
 TEST_F(CommandServiceTest, DispatcherRepliesAndErrorTexts) {
-  const std::pair<std::string, std::string> cases[] = {  // request, reply
-      {report("5"), reported("5")},  // with the link down there is no status loop
-      // Error paths follow; the black-box tests show the others.
-      {"*COMMAND=set\n*TYPE=command\n*ID=9\nname=outputs\nvalue=1\n\n",
-       "*COMMAND=set\n*ERROR=Unknown command set\n*TYPE=reply\n*ID=9\n\n"},
-  };
-  for (const auto& [request, reply] : cases) {
-    SCOPED_TRACE(request);
-    EXPECT_EQ(reply, Request(request));
-  }
+  EXPECT_EQ(reported("5"), Request(report("5")));  // with the link down there is no status loop
+  // Error paths follow; the black-box tests show the others.
+  EXPECT_EQ("*COMMAND=set\n*ERROR=Unknown command set\n*TYPE=reply\n*ID=9\n\n",
+            Request("*COMMAND=set\n*TYPE=command\n*ID=9\nname=outputs\nvalue=1\n\n"));
   EXPECT_EQ(16u, configured_outputs());  // the "set" command did not apply
 
   const std::pair<std::string, std::string> routes[] = {  // fields, "input>output" queued
@@ -290,11 +285,7 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   EXPECT_TRUE(send_queue_empty());
 
   // With no outputs nothing is queried or sent, and flushed changes wait.
-  router_message none = make_router_request("NQ", {"D", "0"});
-  none.ok = true;
-  update_dest_info({none});
-  apply_config_key("outputs", "0");
-  recompute_active_counts(router_input_count(), router_output_count());
+  load_tables("400", "0");  // one position past the last: both tables empty
   set_flush_allow_for_test(0);
   const std::size_t before = SentSince(0).size();
   EXPECT_EQ(strings{}, Flush({{1, 0}}));
@@ -394,26 +385,19 @@ TEST_F(CommandServiceTest, NestingStopsAtTheLimitAndNothingIsLost) {
 
 // Timers implausibly far ahead are cleared with a warning; nearer ones stay.
 TEST_F(CommandServiceTest, TimersTooFarAheadAreCleared) {
-  struct Case {
-    us_time_t queue_ahead, flush_ahead;
-    std::string lines;
-    bool cleared;
+  const std::tuple<us_time_t, us_time_t, std::string> cases[] = {  // queue, flush ahead; lines
+      {9'500'000, 950'000, ""},
+      {10'500'000, 950'000, "<WARN>Queue timeout too far into the future\n"},
+      {9'500'000, 1'050'000, "<WARN>Flush allow too far into the future\n"},
   };
-  const Case cases[] = {
-      {9'500'000, 950'000, "", false},
-      {10'500'000, 950'000, "<WARN>Queue timeout too far into the future\n", false},
-      {9'500'000, 1'050'000, "<WARN>Flush allow too far into the future\n", false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.lines);
+  for (const auto& [queue_ahead, flush_ahead, lines] : cases) {
+    SCOPED_TRACE(lines);
     const us_time_t now = monotonic_now_us();
-    set_queue_timeout_for_test(now + c.queue_ahead);
-    set_flush_allow_for_test(now + c.flush_ahead);
-    testing::internal::CaptureStderr();
-    delayed_flush_step();
-    EXPECT_EQ(c.lines, testing::internal::GetCapturedStderr());
-    EXPECT_EQ(c.queue_ahead > 10'000'000, queue_timeout() == 0);
-    EXPECT_EQ(c.flush_ahead > 1'000'000, flush_allow() == 0);
+    set_queue_timeout_for_test(now + queue_ahead);
+    set_flush_allow_for_test(now + flush_ahead);
+    EXPECT_EQ(lines, stderr_of(delayed_flush_step));
+    EXPECT_EQ(queue_ahead > 10'000'000, queue_timeout() == 0);
+    EXPECT_EQ(flush_ahead > 1'000'000, flush_allow() == 0);
   }
 }
 
