@@ -120,26 +120,25 @@ class StatusPollingTest : public SynchronisationTest {
     apply_config_key("outputs", outputs);
     (void)stderr_of([] { recompute_active_counts(router_input_count(), router_output_count()); });
   }
-  // One pass's polling step with a request due; the frames it sent.
-  static strings DueRequest() {
-    sw.heard.clear();
-    set_next_status_poll(1);
-    (void)stderr_of(status_polling_step);
-    return sw.heard;
-  }
 };
 
-TEST_F(StatusPollingTest, ChangeFlagsAndChangedDestinations) {
+// A request whose flags or destinations query fails is not rescheduled: the
+// first pass on the next connection sends a request at once.
+TEST_F(StatusPollingTest, ChangeFlagsChangedDestinationsAndFailures) {
   const strings plain = {"BK F", "QD"};
+  const std::string flags_0 = framed("N0KB\tF\t0");
+  const std::string closed = link_closed;
   struct Case {
     const char* name;
     std::map<std::string, std::string> answers;
     const char* outputs;
     strings sent;
+    std::string silent_on = "";
+    std::string hang_up_after = "";
+    std::string lines = "";  // errors and notes: any means the request failed
   };
   const Case cases[] = {
-      {"flags 0 still acknowledged", {{"BK F", framed("N0KB\tF\t0")}}, "3",
-       {"BK F", "BK f 0", "QD"}},
+      {"flags 0 still acknowledged", {{"BK F", flags_0}}, "3", {"BK F", "BK f 0", "QD"}},
       {"names of both kinds", {{"BK F", framed("N0KB\tF\t14")}}, "3",
        {"BK F", "QN IS", "QN ID", "BK f 14", "QD"}},
       {"flags beyond 32 bits", {{"BK F", framed("N0KB\tF\t1FFFFFFFF")}}, "3",
@@ -159,48 +158,31 @@ TEST_F(StatusPollingTest, ChangeFlagsAndChangedDestinations) {
       {"no destination of that name", {{"QD", framed("N0DQ\tZ\t1")}}, "3", plain},
       {"destination without its number", {{"QD", framed("N0DQ\tA")}}, "3", plain},
       {"destinations query refused", {{"QD", "\x15" "0001\x04"}}, "3", plain},
+      {"flags unanswered", {{"BK F", flags_0}}, "3", {"BK F"}, "BK F", "",
+       "<ERR>Timeout receiving message\n" + closed},
+      {"destinations unsendable", {{"BK F", flags_0}}, "3", {"BK F", "BK f 0"}, "", "BK f 0",
+       "<NOTE>Connection suddenly dropped\n" + closed + "<ERR>Unable to send message\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     LoadTables(c.outputs);
     sw.answers = c.answers;
-    EXPECT_EQ(c.sent, DueRequest());
-    // Rescheduled: the next pass sends nothing.
-    sw.heard.clear();
-    (void)stderr_of(status_polling_step);
-    EXPECT_EQ(strings{}, sw.heard);
-  }
-}
-
-// A request whose flags or destinations query fails is not rescheduled: the
-// first pass on the next connection sends a request at once.
-TEST_F(StatusPollingTest, FailedRequestIsNotRescheduled) {
-  const std::string closed = link_closed;
-  struct Case {
-    const char* name;
-    std::string silent_on, hang_up_after;
-    std::string lines;
-  };
-  const Case cases[] = {
-      {"flags unanswered", "BK F", "", "<ERR>Timeout receiving message\n" + closed},
-      {"destinations unsendable", "", "BK f 0",
-       "<NOTE>Connection suddenly dropped\n" + closed + "<ERR>Unable to send message\n"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    LoadTables("3");
-    sw.answers = {{"BK F", framed("N0KB\tF\t0")}};
     sw.silent_on = c.silent_on;
     sw.hang_up_after = c.hang_up_after;
+    sw.heard.clear();
     set_next_status_poll(1);
     EXPECT_EQ(c.lines, lines_starting(stderr_of(status_polling_step), {"<ERR>", "<NOTE>"}));
-    EXPECT_FALSE(connection_is_open());
-    sw.silent_on = sw.hang_up_after = "";
-    switcher_link_up();
-    clear_flag(process_flag::sync_needed);
+    EXPECT_EQ(c.sent, sw.heard);
+    EXPECT_EQ(c.lines.empty(), connection_is_open());
+    if (!connection_is_open()) {
+      sw.silent_on = sw.hang_up_after = "";
+      switcher_link_up();
+      clear_flag(process_flag::sync_needed);
+    }
+    // Rescheduled: the next pass sends nothing, unless the request failed.
     sw.heard.clear();
     (void)stderr_of(status_polling_step);
-    EXPECT_EQ((strings{"BK F", "BK f 0", "QD"}), sw.heard);
+    EXPECT_EQ((c.lines.empty() ? strings{} : strings{"BK F", "BK f 0", "QD"}), sw.heard);
   }
 }
 
