@@ -12,12 +12,11 @@
 
 namespace {
 
-class ConfigTest : public testing::Test {
+// Every flag down, so a case sees only what it raised.
+class ConfigTest : public SwitcherTest {
  protected:
-  // Settings back to start-up and every flag down, so a case sees only what it raised.
   void SetUp() override {
-    reset_configuration();
-    reset_process_flags();
+    SwitcherTest::SetUp();
     clear_flag(process_flag::counts_changed);
     clear_flag(process_flag::info_report_needed);
   }

@@ -22,14 +22,7 @@ router_message reply(const char* request, params p, bool ok = true) {
 
 router_message nq(params p) { return reply("NQ", std::move(p)); }
 
-class RouterTablesTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    reset_router_tables();
-    reset_configuration();
-    reset_process_flags();
-  }
-};
+class RouterTablesTest : public SwitcherTest {};
 
 TEST_F(RouterTablesTest, DestinationScan) {
   struct Case {

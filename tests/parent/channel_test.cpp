@@ -114,14 +114,11 @@ TEST(ParentRecordReaderTest, RecordsOverTheLimitAreDroppedAndReadingResumes) {
   }
 }
 
-// The channel over two non-blocking pipes: the test writes the parent's
-// requests into in_ and reads the backend's output from out_.
-class ParentChannelTest : public testing::Test {
+// The channel on the shared fixture's pipes.
+class ParentChannelTest : public SwitcherTest {
  protected:
-  void SetUp() override { ASSERT_TRUE(parent_pipes_open(p_)); }
-  void TearDown() override { parent_pipes_close(p_); }
   void Feed(const std::string& text) {
-    ASSERT_EQ(static_cast<ssize_t>(text.size()), write(p_.in[1], text.data(), text.size()));
+    ASSERT_EQ(static_cast<ssize_t>(text.size()), write(parent_.in[1], text.data(), text.size()));
   }
   // The read step takes one byte per call.
   void Pump(std::size_t times) {
@@ -129,16 +126,15 @@ class ParentChannelTest : public testing::Test {
   }
   int Unread() {
     int n = -1;
-    ioctl(p_.in[0], FIONREAD, &n);
+    ioctl(parent_.in[0], FIONREAD, &n);
     return n;
   }
-  std::string Drain() { return parent_pipes_output(p_); }
+  std::string Drain() { return parent_pipes_output(parent_); }
   // Fills the output pipe, so that what the channel sends stays unwritten.
   void BlockOutput() {
-    while (write(p_.out[1], "0123456789abcdef", 16) > 0) {
+    while (write(parent_.out[1], "0123456789abcdef", 16) > 0) {
     }
   }
-  parent_pipes p_;
 };
 
 parent_message Report(const char* command, std::map<std::string, std::string> fields) {
@@ -170,23 +166,23 @@ TEST_F(ParentChannelTest, ReadsOneRecordAtATime) {
 TEST_F(ParentChannelTest, EndOfInputOrBrokenOutputEndsChannel) {
   // A read that fails outright (the pipe's write end cannot be read) ends
   // the input as its end does.
-  parent_channel_use_fds_for_test(p_.in[1], p_.out[1]);
+  parent_channel_use_fds_for_test(parent_.in[1], parent_.out[1]);
   EXPECT_EQ(-1, parent_pump());
-  parent_channel_use_fds_for_test(p_.in[0], p_.out[1]);
+  parent_channel_use_fds_for_test(parent_.in[0], parent_.out[1]);
 
   parent_message msg;
   msg.command = "info";
   BlockOutput();  // a full output pipe keeps the record queued
   parent_send(msg);
   EXPECT_EQ(0, parent_pump());
-  close_fd(p_.in[1]);
+  close_fd(parent_.in[1]);
   EXPECT_EQ(-1, parent_pump());
   EXPECT_TRUE(parent_output_pending());
 
   TearDown();
   SetUp();
   std::signal(SIGPIPE, SIG_IGN);  // the broken pipe must show as EPIPE here
-  close_fd(p_.out[0]);
+  close_fd(parent_.out[0]);
   parent_send(msg);
   EXPECT_EQ(-1, parent_pump());
   EXPECT_TRUE(parent_output_pending());

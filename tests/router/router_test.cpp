@@ -234,8 +234,10 @@ TEST_F(RouterLinkTest, FailedAttemptsRetriedEveryFiveSeconds) {
     bool no_descriptors;  // every descriptor number is taken
     strings lines;        // the lines of one attempt: any of these
   };
+  tcp_listener gone = listen_loopback();  // bound, then closed: nothing listens there
+  close_fd(gone.fd);
   const Case cases[] = {
-      {"refused", "127.0.0.1", unused_loopback_port(), false,
+      {"refused", "127.0.0.1", gone.port, false,
        {link_trying + refused(link_connect_failed) + closed,
         refused(link_cannot_connect) + closed}},
       {"host name", "localhost", sw.listener.port, false,
