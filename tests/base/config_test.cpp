@@ -12,14 +12,8 @@
 
 namespace {
 
-// Every flag down, so a case sees only what it raised.
 class ConfigTest : public SwitcherTest {
  protected:
-  void SetUp() override {
-    SwitcherTest::SetUp();
-    clear_flag(process_flag::counts_changed);
-    clear_flag(process_flag::info_report_needed);
-  }
   static std::string Recompute() { return stderr_of([] { recompute_active_counts(0, 0); }); }
   temp_dir dir_;
 };
@@ -82,6 +76,7 @@ TEST_F(ConfigTest, AppliesKeysInTurn) {
 }
 
 TEST_F(ConfigTest, ActiveCountsAreCapped) {
+  clear_flag(process_flag::info_report_needed);  // so the check sees only what it raised
   apply_config_key("inputs", "300");
   apply_config_key("outputs", "-1");
   EXPECT_EQ("<DBG>Changing number of inputs to 256\n<DBG>Changing number of outputs to 256\n",

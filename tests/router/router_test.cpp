@@ -69,10 +69,7 @@ std::string take_all() {
   return out;
 }
 
-class RouterFrameTest : public ::testing::Test {
- protected:
-  void SetUp() override { receive_reset_for_test(); }
-};
+class RouterFrameTest : public SwitcherTest {};
 
 // Encoding; the decoding of the same bytes is in LinesMessagesAndDrops.
 // Parameters fit through exactly 1015 bytes.
