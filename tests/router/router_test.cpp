@@ -170,14 +170,7 @@ void step_then_nested_request() {
   EXPECT_TRUE(do_timeout_send_and_recv(inner, nested_response, monotonic_now_us() + 2'000'000));
 }
 
-// The switcher answers only what a case scripts in sw.replies.
-class RouterLinkTest : public SwitcherTest {
- protected:
-  void SetUp() override {
-    SwitcherTest::SetUp();
-    sw.answer_rest = false;
-  }
-};
+class RouterLinkTest : public SwitcherTest {};
 
 // The watchdog closes the link, dropping a half-received message: the next
 // connection's first frame decodes on its own.
@@ -384,6 +377,7 @@ TEST_F(RouterLinkTest, RepliesEndAsTheirSequenceFlagsSay) {
       {"nested", "BK", {"", framed("N0IQ\t1\t5"), framed("N0BK")}, "BK:"},
   };
   switcher_link_up();
+  sw.answer_rest = false;  // the switcher answers only what a case scripts in sw.replies
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     sw.replies = c.replies;
