@@ -63,12 +63,10 @@ class CommandServiceTest : public SwitcherTest {
     load_tables("1", "16");
   }
 
-  // Brings the link up with the synchronisation done; each wait cycle steps
-  // the switcher, then (with serve_parent) serves one parent message.
-  static void LinkUp(bool serve_parent) {
+  // Brings the link up with the synchronisation done.
+  static void LinkUp() {
     switcher_link_up();
     clear_flag(process_flag::sync_needed);
-    if (serve_parent) set_parent_poll_handler(+[] { switcher_step(); poll_parent_message(); });
   }
 
   // Adds the changes, flushes, and returns what the switcher got meanwhile.
@@ -119,7 +117,7 @@ TEST_F(CommandServiceTest, OneTakeInputPerOutputInAscendingOrder) {
       {"output beyond the active outputs", {{1, 16}, {1, -1}}, {}},
       {"input below -1", {{-2, 3}}, {}},
   };
-  LinkUp(false);
+  LinkUp();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     set_flush_allow_for_test(0);
@@ -142,7 +140,7 @@ TEST_F(CommandServiceTest, OneTakeInputPerOutputInAscendingOrder) {
 
 TEST_F(CommandServiceTest, HeldBackThenSentOrDropped) {
   EXPECT_EQ(strings{}, Flush({{9, 4}}));  // the link is down
-  LinkUp(false);
+  LinkUp();
   raise_flag(process_flag::sync_needed);
   EXPECT_EQ(strings{}, Flush({{8, 4}}));
   // No pacing time was set, so no delayed send: the next flush sends what
@@ -221,7 +219,7 @@ TEST_F(CommandServiceTest, NestedBatchKeepsTheNewestChangeLast) {
       {"sent before the nested batch, so sent again", {{1, 0}, {1, 3}}, "0",
        {"TI 1 2", "TI 1 A", "TI 4 2"}},
   };
-  LinkUp(true);
+  LinkUp();
   // The switcher answers once the nested flush is read; a second nested
   // exchange would drain the outer batch's answer as stale. Reading the
   // nested requests in one wait cycle starts both batches close together,
@@ -254,7 +252,7 @@ TEST_F(CommandServiceTest, NestedBatchKeepsTheNewestChangeLast) {
 TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   // Flushed while the link is down, after a batch set a pacing time: the
   // delayed-flush step sends them once the link and the synchronisation are back.
-  LinkUp(false);
+  LinkUp();
   EXPECT_EQ(strings{"TI 2 2"}, Flush({{1, 1}}));
   (void)stderr_of(connection_close);
   EXPECT_EQ(strings{}, Flush({{2, 4}}));
@@ -263,7 +261,7 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   EXPECT_TRUE(queued_route_changes().empty());
   EXPECT_FALSE(send_queue_empty());  // a discard leaves flushed changes alone
   sw.heard.clear();
-  LinkUp(false);
+  LinkUp();
   testing::internal::CaptureStderr();
   raise_flag(process_flag::sync_needed);
   set_flush_allow_for_test(monotonic_now_us());
@@ -321,7 +319,7 @@ TEST_F(CommandServiceTest, StatusRequestsReadInAWaitShareOneLoopAtTheTop) {
   sw.hold_fd = parent_.in[0];  // the switcher answers once the nested requests are read
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    LinkUp(false);
+    LinkUp();
     add_route_change({1, 1});
     set_flush_allow_for_test(0);
     std::size_t before = sw.heard.size();
@@ -348,7 +346,7 @@ TEST_F(CommandServiceTest, NestingStopsAtTheLimitAndNothingIsLost) {
   static int input_fd = -1;
   deepest = 0;
   input_fd = parent_.in[0];
-  LinkUp(false);
+  LinkUp();
   sw.one_frame_per_step = true;
   set_parent_poll_handler(+[] {
     deepest = std::max(deepest, nested_wait_depth());
