@@ -117,9 +117,6 @@ TEST(ParentRecordReaderTest, RecordsOverTheLimitAreDroppedAndReadingResumes) {
 // The channel on the shared fixture's pipes.
 class ParentChannelTest : public SwitcherTest {
  protected:
-  void Feed(const std::string& text) {
-    ASSERT_EQ(static_cast<ssize_t>(text.size()), write(parent_.in[1], text.data(), text.size()));
-  }
   // The read step takes one byte per call.
   void Pump(std::size_t times) {
     for (std::size_t i = 0; i < times; ++i) ASSERT_EQ(0, parent_pump());
@@ -129,7 +126,6 @@ class ParentChannelTest : public SwitcherTest {
     ioctl(parent_.in[0], FIONREAD, &n);
     return n;
   }
-  std::string Drain() { return parent_pipes_output(parent_); }
   // Fills the output pipe, so that what the channel sends stays unwritten.
   void BlockOutput() {
     while (write(parent_.out[1], "0123456789abcdef", 16) > 0) {
@@ -184,11 +180,11 @@ TEST_F(ParentChannelTest, UnwrittenReportsGiveWayToNewerOnes) {
   parent_send(Report("inputs", {{"i0.name", "C"}}), parent_output_kind::inputs_names);
   parent_send(Report("outputs", {{"o0.name", "B"}}), parent_output_kind::outputs_names);
   parent_send(reply);
-  (void)Drain();
+  (void)parent_pipes_output(parent_);
   std::string got;
   for (int i = 0; i < 10 && parent_output_pending(); ++i) {
     ASSERT_EQ(0, parent_pump());
-    got += Drain();
+    got += parent_pipes_output(parent_);
   }
   EXPECT_EQ("*TYPE=reply\n*ID=1\n\n"
             "*COMMAND=outputs\n*TYPE=message\no1.input.all=3\no2.input.all=5\no3.input.all=none\n\n"
@@ -208,10 +204,10 @@ TEST_F(ParentChannelTest, UnwrittenReportsGiveWayToNewerOnes) {
   parent_send(newer, parent_output_kind::outputs_names);
   got.clear();
   for (int i = 0; i < 100 && parent_output_pending(); ++i) {
-    got += Drain();
+    got += parent_pipes_output(parent_);
     ASSERT_EQ(0, parent_pump());
   }
-  EXPECT_EQ(want, got + Drain());
+  EXPECT_EQ(want, got + parent_pipes_output(parent_));
 }
 
 // With a mebibyte unwritten, nothing is read and descriptor 0 leaves the
@@ -223,7 +219,8 @@ TEST_F(ParentChannelTest, UnreadOutputHoldsInputBack) {
   const std::string second = "\n*TYPE=reply\n*ID=4\n\n\r\n*COMMAND=set\n\n";
   BlockOutput();
   parent_send(Report("outputs", {{"o0.name", std::string(parent_output_high_water, 'n')}}));
-  Feed(first + second + "more");
+  const std::string input = first + second + "more";
+  ASSERT_EQ(static_cast<ssize_t>(input.size()), write(parent_.in[1], input.data(), input.size()));
   const auto sets = [] {
     fd_set rd, wr;
     FD_ZERO(&rd);
@@ -240,7 +237,7 @@ TEST_F(ParentChannelTest, UnreadOutputHoldsInputBack) {
   for (int i = 0; i < 20; ++i) EXPECT_EQ(nullptr, parent_next());
   EXPECT_EQ(static_cast<int>(first.size() + second.size() + 4), Unread());
   while (parent_input_held()) {
-    (void)Drain();
+    (void)parent_pipes_output(parent_);
     ASSERT_EQ(0, parent_pump());
   }
   EXPECT_EQ("111 0 3", sets());

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <string>
 #include <vector>
 
