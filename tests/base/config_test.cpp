@@ -12,20 +12,10 @@
 
 namespace {
 
-class ConfigTest : public testing::Test {
- protected:
-  // Settings back to start-up and every flag down, so a case sees only what it raised.
-  void SetUp() override {
-    reset_configuration();
-    reset_process_flags();
-    clear_flag(process_flag::counts_changed);
-    clear_flag(process_flag::info_report_needed);
-  }
-  static std::string Recompute() { return stderr_of([] { recompute_active_counts(0, 0); }); }
-  temp_dir dir_;
-};
+class ConfigTest : public SwitcherTest {};
 
 TEST_F(ConfigTest, ReadsLines) {
+  temp_dir dir;
   const std::string x(4093, 'x'), y(903, 'y');
   const std::pair<std::string, config_map> cases[] = {
       {"ip address = 192.168.1.20\n", {{"ip address", "192.168.1.20"}}},
@@ -41,16 +31,16 @@ TEST_F(ConfigTest, ReadsLines) {
   for (const auto& [text, expected] : cases) {
     SCOPED_TRACE(text.substr(0, 40));
     config_map map;
-    ASSERT_EQ(0, read_configuration(map, dir_.write("r.cfg", text)));
+    ASSERT_EQ(0, read_configuration(map, dir.write("r.cfg", text)));
     EXPECT_EQ(expected, map);
   }
   // A key seeded empty takes the file's value without a separator.
   config_map map{{"inputs", ""}, {"outputs", ""}};
-  ASSERT_EQ(0, read_configuration(map, dir_.write("r.cfg", "inputs=3\n")));
+  ASSERT_EQ(0, read_configuration(map, dir.write("r.cfg", "inputs=3\n")));
   EXPECT_EQ((config_map{{"inputs", "3"}, {"outputs", ""}}), map);
   // Error paths follow: a directory opens but cannot be read.
-  EXPECT_EQ(-1, read_configuration(map, dir_.path + "/missing.cfg"));
-  EXPECT_EQ(-1, read_configuration(map, dir_.path));
+  EXPECT_EQ(-1, read_configuration(map, dir.path + "/missing.cfg"));
+  EXPECT_EQ(-1, read_configuration(map, dir.path));
 }
 
 TEST_F(ConfigTest, AppliesKeysInTurn) {
@@ -83,19 +73,21 @@ TEST_F(ConfigTest, AppliesKeysInTurn) {
 }
 
 TEST_F(ConfigTest, ActiveCountsAreCapped) {
+  const auto recompute = [] { return stderr_of([] { recompute_active_counts(0, 0); }); };
+  clear_flag(process_flag::info_report_needed);  // so the check sees only what it raised
   apply_config_key("inputs", "300");
   apply_config_key("outputs", "-1");
   EXPECT_EQ("<DBG>Changing number of inputs to 256\n<DBG>Changing number of outputs to 256\n",
-            Recompute());
+            recompute());
   EXPECT_EQ(256u, active_inputs());
   EXPECT_TRUE(flag_is_set(process_flag::info_report_needed));
   // The same counts again say nothing and raise nothing.
   clear_flag(process_flag::info_report_needed);
   apply_config_key("outputs", "256");
-  EXPECT_EQ("", Recompute());
+  EXPECT_EQ("", recompute());
   EXPECT_FALSE(flag_is_set(process_flag::info_report_needed));
   apply_config_key("outputs", "5");
-  EXPECT_EQ("<DBG>Changing number of outputs to 5\n", Recompute());
+  EXPECT_EQ("<DBG>Changing number of outputs to 5\n", recompute());
   EXPECT_EQ(5u, active_outputs());
 }
 

@@ -12,33 +12,24 @@
 
 namespace {
 
-using params = std::vector<std::string>;
-
-router_message reply(const char* request, params p, bool ok = true) {
+router_message reply(const char* request, strings p, bool ok = true) {
   router_message msg = make_router_request(request, std::move(p));
   msg.ok = ok;
   return msg;
 }
 
-router_message nq(params p) { return reply("NQ", std::move(p)); }
+router_message nq(strings p) { return reply("NQ", std::move(p)); }
 
-class RouterTablesTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    reset_router_tables();
-    reset_configuration();
-    reset_process_flags();
-  }
-};
+class RouterTablesTest : public SwitcherTest {};
 
 TEST_F(RouterTablesTest, DestinationScan) {
   struct Case {
     std::vector<router_message> response;
-    params names;
+    strings names;
     std::uint64_t base;
     const char* log;
   };
-  params up_to_3ff(1024);
+  strings up_to_3ff(1024);
   up_to_3ff.front() = "first";
   up_to_3ff.back() = "last";
   const Case cases[] = {
@@ -72,7 +63,7 @@ TEST_F(RouterTablesTest, DestinationScan) {
     clear_flag(process_flag::counts_changed);
     clear_flag(process_flag::outputs_report_needed);
     EXPECT_EQ(c.log, stderr_of([&] { update_dest_info(c.response); }));
-    params names;
+    strings names;
     for (const router_entry& e : router_outputs_info()) names.push_back(e.name);
     EXPECT_EQ(c.names, names);
     EXPECT_EQ(c.base, output_base());
@@ -89,10 +80,10 @@ TEST_F(RouterTablesTest, LevelScan) {
   EXPECT_EQ("Audio", router_levels()[31]);
   EXPECT_EQ(0x80000001u, router_level_mask());
   update_levels_info({nq({"L", "2", "Big", "20", "x", "Key", "2", "x"})});
-  EXPECT_EQ((params{"", "", "Key"}), router_levels());  // level 32 is dropped
+  EXPECT_EQ((strings{"", "", "Key"}), router_levels());  // level 32 is dropped
   EXPECT_EQ(0x4u, router_level_mask());                 // nothing kept from the scan before
   update_levels_info({nq({"L", "2", "B", "1", "x", "A", "0", "x"})});
-  EXPECT_EQ((params{"A", "B"}), router_levels());
+  EXPECT_EQ((strings{"A", "B"}), router_levels());
 }
 
 TEST_F(RouterTablesTest, RouteStatus) {

@@ -8,8 +8,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -70,12 +68,10 @@ std::string take_all() {
   return out;
 }
 
-class RouterFrameTest : public ::testing::Test {
- protected:
-  void SetUp() override { receive_reset_for_test(); }
-};
+class RouterFrameTest : public SwitcherTest {};
 
 // Encoding; the decoding of the same bytes is in LinesMessagesAndDrops.
+// Parameters fit through exactly 1015 bytes.
 TEST_F(RouterFrameTest, WorkedFramesEncode) {
   const std::pair<router_message, std::string> cases[] = {
       {make_router_request("BK", {"F"}), "\x01N0BK\tFA6\x04"},
@@ -92,9 +88,6 @@ TEST_F(RouterFrameTest, WorkedFramesEncode) {
   router_message none = connection_recvmsg();
   none.protocol = 'N';
   EXPECT_EQ("request= protocol=N seq=0 ", describe_router_message(none));
-}
-
-TEST_F(RouterFrameTest, ParametersFitThroughExactly1015Bytes) {
   // SOH, four header bytes and a TAB come before the first parameter.
   EXPECT_EQ(1018u, encoded(make_router_request("TI", {std::string(1009, 'x')})).size());
   EXPECT_EQ("<fails>", encoded(make_router_request("TI", {std::string(1010, 'x')})));
@@ -176,16 +169,10 @@ void step_then_nested_request() {
   EXPECT_TRUE(do_timeout_send_and_recv(inner, nested_response, monotonic_now_us() + 2'000'000));
 }
 
-// The switcher answers only what a case scripts in sw.replies.
-class RouterLinkTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    switcher_reset();
-    sw.answer_rest = false;
-  }
-  void TearDown() override { switcher_teardown(); }
-};
+class RouterLinkTest : public SwitcherTest {};
 
+// The watchdog closes the link, dropping a half-received message: the next
+// connection's first frame decodes on its own.
 TEST_F(RouterLinkTest, ConnectThenWatchdog) {
   // Loopback completes a connect within the first check, or at once.
   expect_one_of({std::string(link_trying) + link_connected, link_connected_at_once},
@@ -207,11 +194,20 @@ TEST_F(RouterLinkTest, ConnectThenWatchdog) {
   ASSERT_TRUE(write_all(sw.fd, framed("N0QD")));
   EXPECT_EQ(msg_line("N0QD"), stderr_of(connection_poll));
   EXPECT_EQ("[OK] request=QD protocol=N seq=0 ", take_all());
+  ASSERT_TRUE(write_all(sw.fd, "\x01N0BK"));
+  stderr_of(connection_poll);
+  EXPECT_TRUE(receive_in_progress());
   connection_set_last_activity_for_test(monotonic_now_us() - twenty_one_s);
   EXPECT_EQ(std::string("<WARN>Connection timeout\n") + link_closed,
             stderr_of(connection_poll));
   EXPECT_FALSE(connection_is_open() || flag_is_set(process_flag::sync_needed));
+  EXPECT_FALSE(receive_in_progress());
+  EXPECT_EQ("", connection_recvmsg().raw);  // nothing to read without a socket
   EXPECT_EQ("", read_for(sw.fd, 1, 100));  // nothing was sent
+  switcher_link_up();
+  ASSERT_TRUE(write_all(sw.fd, framed("N0QD")));
+  stderr_of(connection_poll);
+  EXPECT_EQ("[OK] request=QD protocol=N seq=0 ", take_all());
 }
 
 // Every failed attempt is logged once and closes what it opened; the next
@@ -227,8 +223,10 @@ TEST_F(RouterLinkTest, FailedAttemptsRetriedEveryFiveSeconds) {
     bool no_descriptors;  // every descriptor number is taken
     strings lines;        // the lines of one attempt: any of these
   };
+  tcp_listener gone = listen_loopback();  // bound, then closed: nothing listens there
+  close_fd(gone.fd);
   const Case cases[] = {
-      {"refused", "127.0.0.1", unused_loopback_port(), false,
+      {"refused", "127.0.0.1", gone.port, false,
        {link_trying + refused(link_connect_failed) + closed,
         refused(link_cannot_connect) + closed}},
       {"host name", "localhost", sw.listener.port, false,
@@ -302,18 +300,16 @@ TEST_F(RouterLinkTest, PortBelowOneMeansTheDefault) {
 TEST_F(RouterLinkTest, BrokenConnectionIsLoggedAndClosed) {
   const std::string closed = link_closed;
   const std::string reset = "<NOTE>Connection problem, Connection reset by peer\n" + closed;
-  const auto read_step = [] { connection_poll(); };
-  const auto write_step = [] { connection_queue_and_write("x", 1); };
   struct Case {
     const char* name;
     bool abort;  // reset instead of an orderly end
-    std::function<void()> step;
+    bool write;  // seen by a write, not a read
     std::string lines;
   };
   const Case cases[] = {
-      {"reset seen by a read", true, read_step, reset},
-      {"reset seen by a write", true, write_step, reset},
-      {"end seen by a read", false, read_step, "<NOTE>Connection suddenly dropped\n" + closed},
+      {"reset seen by a read", true, false, reset},
+      {"reset seen by a write", true, true, reset},
+      {"end seen by a read", false, false, "<NOTE>Connection suddenly dropped\n" + closed},
   };
   std::signal(SIGPIPE, SIG_IGN);
   for (const Case& c : cases) {
@@ -326,7 +322,7 @@ TEST_F(RouterLinkTest, BrokenConnectionIsLoggedAndClosed) {
       setsockopt(sw.fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
     }
     close_fd(sw.fd);
-    EXPECT_EQ(c.lines, stderr_of(c.step));
+    EXPECT_EQ(c.lines, stderr_of([&c] { c.write ? connection_queue_and_write("x", 1) : connection_poll(); }));
     EXPECT_FALSE(connection_is_open() || flag_is_set(process_flag::sync_needed));
   }
 }
@@ -352,24 +348,6 @@ TEST_F(RouterLinkTest, PartialWriteIsCompletedInOrder) {
   ASSERT_EQ(total, heard.size());
   EXPECT_TRUE(heard.compare(0, blob.size(), blob) == 0);
   EXPECT_EQ("\x01N0QDED\x04", heard.substr(blob.size()));
-}
-
-// Closing drops a half-received message: the next connection's first frame
-// decodes on its own.
-TEST_F(RouterLinkTest, CloseResetsAHalfReceivedMessage) {
-  switcher_link_up();
-  ASSERT_TRUE(write_all(sw.fd, "\x01N0BK"));
-  stderr_of(connection_poll);
-  EXPECT_TRUE(receive_in_progress());
-  stderr_of(connection_close);
-  EXPECT_FALSE(receive_in_progress());
-  EXPECT_EQ("", connection_recvmsg().raw);  // nothing to read without a socket
-  close_fd(sw.fd);
-  connection_set_next_connect_time_for_test(0);
-  switcher_link_up();
-  ASSERT_TRUE(write_all(sw.fd, framed("N0QD")));
-  stderr_of(connection_poll);
-  EXPECT_EQ("[OK] request=QD protocol=N seq=0 ", take_all());
 }
 
 TEST_F(RouterLinkTest, RepliesEndAsTheirSequenceFlagsSay) {
@@ -398,6 +376,7 @@ TEST_F(RouterLinkTest, RepliesEndAsTheirSequenceFlagsSay) {
       {"nested", "BK", {"", framed("N0IQ\t1\t5"), framed("N0BK")}, "BK:"},
   };
   switcher_link_up();
+  sw.answer_rest = false;  // the switcher answers only what a case scripts in sw.replies
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     sw.replies = c.replies;

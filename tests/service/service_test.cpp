@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <tuple>
 
 #include "base/config.h"
 #include "base/flags.h"
@@ -62,12 +63,10 @@ class CommandServiceTest : public SwitcherTest {
     load_tables("1", "16");
   }
 
-  // Brings the link up with the synchronisation done; each wait cycle steps
-  // the switcher, then (with serve_parent) serves one parent message.
-  static void LinkUp(bool serve_parent) {
+  // Brings the link up with the synchronisation done.
+  static void LinkUp() {
     switcher_link_up();
     clear_flag(process_flag::sync_needed);
-    if (serve_parent) set_parent_poll_handler(+[] { switcher_step(); poll_parent_message(); });
   }
 
   // Adds the changes, flushes, and returns what the switcher got meanwhile.
@@ -118,7 +117,7 @@ TEST_F(CommandServiceTest, OneTakeInputPerOutputInAscendingOrder) {
       {"output beyond the active outputs", {{1, 16}, {1, -1}}, {}},
       {"input below -1", {{-2, 3}}, {}},
   };
-  LinkUp(false);
+  LinkUp();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     set_flush_allow_for_test(0);
@@ -141,7 +140,7 @@ TEST_F(CommandServiceTest, OneTakeInputPerOutputInAscendingOrder) {
 
 TEST_F(CommandServiceTest, HeldBackThenSentOrDropped) {
   EXPECT_EQ(strings{}, Flush({{9, 4}}));  // the link is down
-  LinkUp(false);
+  LinkUp();
   raise_flag(process_flag::sync_needed);
   EXPECT_EQ(strings{}, Flush({{8, 4}}));
   // No pacing time was set, so no delayed send: the next flush sends what
@@ -173,16 +172,10 @@ TEST_F(CommandServiceTest, HeldBackThenSentOrDropped) {
 }
 
 TEST_F(CommandServiceTest, DispatcherRepliesAndErrorTexts) {
-  const std::pair<std::string, std::string> cases[] = {  // request, reply
-      {report("5"), reported("5")},  // with the link down there is no status loop
-      // Error paths follow; the black-box tests show the others.
-      {"*COMMAND=set\n*TYPE=command\n*ID=9\nname=outputs\nvalue=1\n\n",
-       "*COMMAND=set\n*ERROR=Unknown command set\n*TYPE=reply\n*ID=9\n\n"},
-  };
-  for (const auto& [request, reply] : cases) {
-    SCOPED_TRACE(request);
-    EXPECT_EQ(reply, Request(request));
-  }
+  EXPECT_EQ(reported("5"), Request(report("5")));  // with the link down there is no status loop
+  // Error paths follow; the black-box tests show the others.
+  EXPECT_EQ("*COMMAND=set\n*ERROR=Unknown command set\n*TYPE=reply\n*ID=9\n\n",
+            Request("*COMMAND=set\n*TYPE=command\n*ID=9\nname=outputs\nvalue=1\n\n"));
   EXPECT_EQ(16u, configured_outputs());  // the "set" command did not apply
 
   const std::pair<std::string, std::string> routes[] = {  // fields, "input>output" queued
@@ -226,7 +219,7 @@ TEST_F(CommandServiceTest, NestedBatchKeepsTheNewestChangeLast) {
       {"sent before the nested batch, so sent again", {{1, 0}, {1, 3}}, "0",
        {"TI 1 2", "TI 1 A", "TI 4 2"}},
   };
-  LinkUp(true);
+  LinkUp();
   // The switcher answers once the nested flush is read; a second nested
   // exchange would drain the outer batch's answer as stale. Reading the
   // nested requests in one wait cycle starts both batches close together,
@@ -259,7 +252,7 @@ TEST_F(CommandServiceTest, NestedBatchKeepsTheNewestChangeLast) {
 TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   // Flushed while the link is down, after a batch set a pacing time: the
   // delayed-flush step sends them once the link and the synchronisation are back.
-  LinkUp(false);
+  LinkUp();
   EXPECT_EQ(strings{"TI 2 2"}, Flush({{1, 1}}));
   (void)stderr_of(connection_close);
   EXPECT_EQ(strings{}, Flush({{2, 4}}));
@@ -268,7 +261,7 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   EXPECT_TRUE(queued_route_changes().empty());
   EXPECT_FALSE(send_queue_empty());  // a discard leaves flushed changes alone
   sw.heard.clear();
-  LinkUp(false);
+  LinkUp();
   testing::internal::CaptureStderr();
   raise_flag(process_flag::sync_needed);
   set_flush_allow_for_test(monotonic_now_us());
@@ -290,11 +283,7 @@ TEST_F(CommandServiceTest, WaitingChangesAndTimers) {
   EXPECT_TRUE(send_queue_empty());
 
   // With no outputs nothing is queried or sent, and flushed changes wait.
-  router_message none = make_router_request("NQ", {"D", "0"});
-  none.ok = true;
-  update_dest_info({none});
-  apply_config_key("outputs", "0");
-  recompute_active_counts(router_input_count(), router_output_count());
+  load_tables("400", "0");  // one position past the last: both tables empty
   set_flush_allow_for_test(0);
   const std::size_t before = SentSince(0).size();
   EXPECT_EQ(strings{}, Flush({{1, 0}}));
@@ -330,7 +319,7 @@ TEST_F(CommandServiceTest, StatusRequestsReadInAWaitShareOneLoopAtTheTop) {
   sw.hold_fd = parent_.in[0];  // the switcher answers once the nested requests are read
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    LinkUp(false);
+    LinkUp();
     add_route_change({1, 1});
     set_flush_allow_for_test(0);
     std::size_t before = sw.heard.size();
@@ -357,7 +346,7 @@ TEST_F(CommandServiceTest, NestingStopsAtTheLimitAndNothingIsLost) {
   static int input_fd = -1;
   deepest = 0;
   input_fd = parent_.in[0];
-  LinkUp(false);
+  LinkUp();
   sw.one_frame_per_step = true;
   set_parent_poll_handler(+[] {
     deepest = std::max(deepest, nested_wait_depth());
@@ -394,26 +383,18 @@ TEST_F(CommandServiceTest, NestingStopsAtTheLimitAndNothingIsLost) {
 
 // Timers implausibly far ahead are cleared with a warning; nearer ones stay.
 TEST_F(CommandServiceTest, TimersTooFarAheadAreCleared) {
-  struct Case {
-    us_time_t queue_ahead, flush_ahead;
-    std::string lines;
-    bool cleared;
+  const std::tuple<us_time_t, us_time_t, std::string> cases[] = {  // queue, flush ahead; lines
+      {10'500'000, 950'000, "<WARN>Queue timeout too far into the future\n"},
+      {9'500'000, 1'050'000, "<WARN>Flush allow too far into the future\n"},
   };
-  const Case cases[] = {
-      {9'500'000, 950'000, "", false},
-      {10'500'000, 950'000, "<WARN>Queue timeout too far into the future\n", false},
-      {9'500'000, 1'050'000, "<WARN>Flush allow too far into the future\n", false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.lines);
+  for (const auto& [queue_ahead, flush_ahead, lines] : cases) {
+    SCOPED_TRACE(lines);
     const us_time_t now = monotonic_now_us();
-    set_queue_timeout_for_test(now + c.queue_ahead);
-    set_flush_allow_for_test(now + c.flush_ahead);
-    testing::internal::CaptureStderr();
-    delayed_flush_step();
-    EXPECT_EQ(c.lines, testing::internal::GetCapturedStderr());
-    EXPECT_EQ(c.queue_ahead > 10'000'000, queue_timeout() == 0);
-    EXPECT_EQ(c.flush_ahead > 1'000'000, flush_allow() == 0);
+    set_queue_timeout_for_test(now + queue_ahead);
+    set_flush_allow_for_test(now + flush_ahead);
+    EXPECT_EQ(lines, stderr_of(delayed_flush_step));
+    EXPECT_EQ(queue_ahead > 10'000'000, queue_timeout() == 0);
+    EXPECT_EQ(flush_ahead > 1'000'000, flush_allow() == 0);
   }
 }
 

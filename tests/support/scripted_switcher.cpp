@@ -22,7 +22,7 @@
 
 scripted_switcher sw;
 
-void switcher_reset() {
+void SwitcherTest::SetUp() {
   reset_configuration();
   reset_process_flags();
   reset_router_tables();
@@ -36,13 +36,18 @@ void switcher_reset() {
   ASSERT_GE(sw.listener.fd, 0);
   connection_set_target_for_test("127.0.0.1", sw.listener.port);
   set_parent_poll_handler(switcher_step);
+  ASSERT_EQ(0, pipe2(parent_.in, O_NONBLOCK | O_CLOEXEC));
+  ASSERT_EQ(0, pipe2(parent_.out, O_NONBLOCK | O_CLOEXEC));
+  parent_channel_use_fds_for_test(parent_.in[0], parent_.out[1]);
 }
 
-void switcher_teardown() {
+void SwitcherTest::TearDown() {
   set_parent_poll_handler(nullptr);
   (void)stderr_of(connection_reset_for_test);
   close_fd(sw.fd);
   close_fd(sw.listener.fd);
+  parent_channel_use_fds_for_test(0, 1);
+  for (int* fd : {&parent_.in[0], &parent_.in[1], &parent_.out[0], &parent_.out[1]}) close_fd(*fd);
 }
 
 std::string switcher_link_up() {
@@ -96,19 +101,6 @@ std::string framed(const std::string& body) {
   char digits[3];
   std::snprintf(digits, sizeof digits, "%02X", (256 - sum % 256) % 256);
   return "\x01" + body + digits + "\x04";
-}
-
-bool parent_pipes_open(parent_pipes& p) {
-  if (pipe2(p.in, O_NONBLOCK | O_CLOEXEC) != 0 || pipe2(p.out, O_NONBLOCK | O_CLOEXEC) != 0) {
-    return false;
-  }
-  parent_channel_use_fds_for_test(p.in[0], p.out[1]);
-  return true;
-}
-
-void parent_pipes_close(parent_pipes& p) {
-  parent_channel_use_fds_for_test(0, 1);
-  for (int* fd : {&p.in[0], &p.in[1], &p.out[0], &p.out[1]}) close_fd(*fd);
 }
 
 std::string parent_pipes_output(const parent_pipes& p) {

@@ -38,12 +38,6 @@ struct scripted_switcher {
 };
 extern scripted_switcher sw;
 
-// Every module back to its start-up shape and a fresh sw listening on an
-// ephemeral port of 127.0.0.1, which the link targets; switcher_step is the
-// parent-poll handler.
-void switcher_reset();
-// Removes the handler, closes the link and sw's sockets.
-void switcher_teardown();
 // A new connection in place of any open one, accepted by sw; returns what
 // connecting wrote to standard error. sync_needed is raised.
 std::string switcher_link_up();
@@ -67,23 +61,17 @@ struct parent_pipes {
   int in[2] = {-1, -1};
   int out[2] = {-1, -1};
 };
-// Opens both pipes and hands the channel its ends; false on failure.
-[[nodiscard]] bool parent_pipes_open(parent_pipes& p);
-// Gives the channel standard input and output back and closes every end.
-void parent_pipes_close(parent_pipes& p);
 // Everything the channel wrote and the test has not read yet.
 std::string parent_pipes_output(const parent_pipes& p);
 
-// A fixture with the modules reset, sw listening and the parent channel on pipes.
+// A fixture with every module back to its start-up shape, a fresh sw
+// listening on an ephemeral port of 127.0.0.1, which the link targets,
+// switcher_step as the parent-poll handler and the parent channel on pipes.
+// Tearing down removes the handler, closes the link and every descriptor,
+// and gives the channel standard input and output back.
 class SwitcherTest : public testing::Test {
  protected:
-  void SetUp() override {
-    switcher_reset();
-    ASSERT_TRUE(parent_pipes_open(parent_));
-  }
-  void TearDown() override {
-    switcher_teardown();
-    parent_pipes_close(parent_);
-  }
+  void SetUp() override;
+  void TearDown() override;
   parent_pipes parent_;
 };

@@ -75,9 +75,3 @@ void close_fd(int& fd) {
   if (fd >= 0) close(fd);
   fd = -1;
 }
-
-std::uint16_t unused_loopback_port() {
-  tcp_listener l = listen_loopback();
-  close_fd(l.fd);
-  return l.port;
-}

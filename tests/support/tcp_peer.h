@@ -23,5 +23,3 @@ std::string read_for(int fd, std::size_t min_bytes, int timeout_ms);
 // Writes all of bytes (blocking); false on failure.
 bool write_all(int fd, const std::string& bytes);
 void close_fd(int& fd);
-// A port of 127.0.0.1 on which nothing listens (bound, then closed).
-std::uint16_t unused_loopback_port();

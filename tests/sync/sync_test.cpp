@@ -35,87 +35,67 @@ class SynchronisationTest : public SwitcherTest {};
 
 const strings whole_sequence = {"BK",      "BK N", "BK R", "BK T",  "BK I 15",
                                 "BK E OFF", "BK D", "QN L", "QN IS", "QN ID"};
+const std::string sync_ack = "<DBG>Router BK sync ack\n";
 
-TEST_F(SynchronisationTest, IdentityTexts) {
+// The identity learned from the answers, or left empty by unusable ones. A
+// failed step before the names abandons the sequence: nothing after it is
+// sent or reported. Failed names queries let it go on, each later exchange
+// failing at once on the closed link.
+TEST_F(SynchronisationTest, IdentityTextsAndFailedSteps) {
   const std::string model_n = framed("N0KB\tN\tTest Model");
   const std::string rev = framed("N0KB\tR\t2.1"), type = framed("N0KB\tT\tV5");
+  const std::string closed = link_closed;
+  const std::string unsendable = "<ERR>Unable to send message\n";
   struct Case {
-    const char* name;
-    std::map<std::string, std::string> answers;
-    const char* model;
-    const char* firmware;
+    std::string name;
+    std::map<std::string, std::string> answers = {};
+    const char* model = "";
+    const char* firmware = "";
+    std::string close_after = "";  // "-": before the handshake is sent
+    std::size_t heard = 10;        // frames of the whole sequence sent
+    std::string lines = sync_ack;  // besides the identity's notes
+    bool handed_over = true;
   };
-  const Case cases[] = {
+  std::vector<Case> cases = {
       {"all three", {{"BK N", model_n}, {"BK R", rev}, {"BK T", type}}, "Test Model", "V5 [2.1]"},
       {"revision only", {{"BK R", rev}}, "", "2.1"},
       {"type only", {{"BK T", type}}, "", "V5"},
       // Error paths follow: unusable answers leave their text empty.
-      {"nothing usable", {}, "", ""},
-      {"continued model answer",
-       {{"BK N", framed("N1KB\tN\tA") + framed("N0KB\tN\tB")}}, "", ""},
-      {"model answer refused", {{"BK N", "\x15" "0001\x04"}}, "", ""},
-      {"model answer of another command", {{"BK N", framed("N0QK\tN\tX")}}, "", ""},
-      {"model answer without text", {{"BK N", framed("N0KB\tN")}}, "", ""},
-      {"empty model", {{"BK N", framed("N0KB\tN\t\tx")}}, "", ""},
-      {"type answer for another letter", {{"BK R", rev}, {"BK T", framed("N0KB\tR\tV5")}}, "",
-       "2.1"},
+      {"nothing usable"},
+      {"continued model answer", {{"BK N", framed("N1KB\tN\tA") + framed("N0KB\tN\tB")}}},
+      {"model answer refused", {{"BK N", "\x15" "0001\x04"}}},
+      {"model answer of another command", {{"BK N", framed("N0QK\tN\tX")}}},
+      {"model answer without text", {{"BK N", framed("N0KB\tN")}}},
+      {"empty model", {{"BK N", framed("N0KB\tN\t\tx")}}},
+      {"type answer for another letter", {{"BK R", rev}, {"BK T", framed("N0KB\tR\tV5")}}, "", "2.1"},
+      {"handshake failed", {{"BK", framed("N0ER\t05\tBK")}}, "", "", "", 10,
+       "<DBG>Router BK sync fail\n[ERR] request=ER protocol=N seq=0 nakerr=0005 param=05,BK\n"},
+      {"closed after QN L", {}, "", "", "QN L", 8, sync_ack + closed + unsendable + unsendable},
+      // Abandoned, before the handshake or after any step up to "BK D".
+      {"closed before the handshake", {}, "", "", "-", 0, closed + unsendable, false},
   };
+  for (std::size_t i = 0; i < 7; ++i) {
+    cases.push_back({"closed after " + whole_sequence[i], {}, "", "", whole_sequence[i], i + 1,
+                     sync_ack + closed + unsendable, false});
+  }
+  // Without a connection there is nothing to synchronise.
+  EXPECT_EQ("", stderr_of(initial_sync));
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     switcher_link_up();
-    sw.answers = c.answers;
+    (void)parent_pipes_output(parent_);
     sw.heard.clear();
+    sw.answers = c.answers;
+    sw.close_after = c.close_after;
+    sw.close_now = c.close_after == "-";
     const std::string log = stderr_of(initial_sync);
-    EXPECT_EQ(whole_sequence, sw.heard);
+    EXPECT_EQ(strings(whole_sequence.begin(), whole_sequence.begin() + c.heard), sw.heard);
     EXPECT_EQ(c.model, device_model());
     EXPECT_EQ(c.firmware, firmware_version());
     std::string notes;
     if (*c.model != '\0') notes += "<NOTE>Device is a \"" + std::string(c.model) + "\"\n";
     if (*c.firmware != '\0') notes += "<NOTE>Firmware: " + std::string(c.firmware) + "\n";
-    EXPECT_EQ(notes, lines_starting(log, {"<NOTE>Device", "<NOTE>Firmware"}));
-  }
-}
-
-// A failed step before the names abandons the sequence: nothing after it is
-// sent or reported. Failed names queries let it go on, each later exchange
-// failing at once on the closed link.
-TEST_F(SynchronisationTest, FailedStepsAbandonOrGoOn) {
-  const std::string ack = "<DBG>Router BK sync ack\n";
-  const std::string closed = link_closed;
-  const std::string unsendable = "<ERR>Unable to send message\n";
-  struct Case {
-    std::string close_after;  // "-": before the handshake is sent
-    std::string handshake_answer;
-    std::size_t heard;  // frames of the whole sequence sent
-    std::string lines;
-    bool handed_over;
-  };
-  // Without a connection there is nothing to synchronise.
-  EXPECT_EQ("", stderr_of(initial_sync));
-  std::vector<Case> cases = {
-      {"", "", 10, ack, true},
-      {"", framed("N0ER\t05\tBK"), 10,
-       "<DBG>Router BK sync fail\n[ERR] request=ER protocol=N seq=0 nakerr=0005 param=05,BK\n",
-       true},
-      {"QN L", "", 8, ack + closed + unsendable + unsendable, true},
-      // Error paths follow: abandoned, before the handshake or after any step up to "BK D".
-      {"-", "", 0, closed + unsendable, false},
-  };
-  for (std::size_t i = 0; i < 7; ++i) {
-    cases.push_back({whole_sequence[i], "", i + 1, ack + closed + unsendable, false});
-  }
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.close_after + " " + c.handshake_answer);
-    switcher_link_up();
-    (void)parent_pipes_output(parent_);
-    sw.heard.clear();
-    sw.answers.clear();
-    if (!c.handshake_answer.empty()) sw.answers["BK"] = c.handshake_answer;
-    sw.close_after = c.close_after;
-    sw.close_now = c.close_after == "-";
-    const std::string log = stderr_of(initial_sync);
-    EXPECT_EQ(strings(whole_sequence.begin(), whole_sequence.begin() + c.heard), sw.heard);
-    EXPECT_EQ(c.lines, lines_starting(log, {"<ERR>", "<NOTE>", "<DBG>Router BK", "["}));
+    EXPECT_EQ(c.lines + notes, lines_starting(log, {"<ERR>", "<NOTE>", "<DBG>Router BK", "["}));
     // With no outputs the hand-over reports only the info, and queries no route.
     const std::string out = parent_pipes_output(parent_);
     EXPECT_EQ(c.handed_over, out.find("*COMMAND=info\n*TYPE=message\n") == 0) << out;
@@ -140,26 +120,25 @@ class StatusPollingTest : public SynchronisationTest {
     apply_config_key("outputs", outputs);
     (void)stderr_of([] { recompute_active_counts(router_input_count(), router_output_count()); });
   }
-  // One pass's polling step with a request due; the frames it sent.
-  static strings DueRequest() {
-    sw.heard.clear();
-    set_next_status_poll(1);
-    (void)stderr_of(status_polling_step);
-    return sw.heard;
-  }
 };
 
-TEST_F(StatusPollingTest, ChangeFlagsAndChangedDestinations) {
+// A request whose flags or destinations query fails is not rescheduled: the
+// first pass on the next connection sends a request at once.
+TEST_F(StatusPollingTest, ChangeFlagsChangedDestinationsAndFailures) {
   const strings plain = {"BK F", "QD"};
+  const std::string flags_0 = framed("N0KB\tF\t0");
+  const std::string closed = link_closed;
   struct Case {
     const char* name;
     std::map<std::string, std::string> answers;
     const char* outputs;
     strings sent;
+    std::string silent_on = "";
+    std::string hang_up_after = "";
+    std::string lines = "";  // errors and notes: any means the request failed
   };
   const Case cases[] = {
-      {"flags 0 still acknowledged", {{"BK F", framed("N0KB\tF\t0")}}, "3",
-       {"BK F", "BK f 0", "QD"}},
+      {"flags 0 still acknowledged", {{"BK F", flags_0}}, "3", {"BK F", "BK f 0", "QD"}},
       {"names of both kinds", {{"BK F", framed("N0KB\tF\t14")}}, "3",
        {"BK F", "QN IS", "QN ID", "BK f 14", "QD"}},
       {"flags beyond 32 bits", {{"BK F", framed("N0KB\tF\t1FFFFFFFF")}}, "3",
@@ -179,48 +158,31 @@ TEST_F(StatusPollingTest, ChangeFlagsAndChangedDestinations) {
       {"no destination of that name", {{"QD", framed("N0DQ\tZ\t1")}}, "3", plain},
       {"destination without its number", {{"QD", framed("N0DQ\tA")}}, "3", plain},
       {"destinations query refused", {{"QD", "\x15" "0001\x04"}}, "3", plain},
+      {"flags unanswered", {{"BK F", flags_0}}, "3", {"BK F"}, "BK F", "",
+       "<ERR>Timeout receiving message\n" + closed},
+      {"destinations unsendable", {{"BK F", flags_0}}, "3", {"BK F", "BK f 0"}, "", "BK f 0",
+       "<NOTE>Connection suddenly dropped\n" + closed + "<ERR>Unable to send message\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     LoadTables(c.outputs);
     sw.answers = c.answers;
-    EXPECT_EQ(c.sent, DueRequest());
-    // Rescheduled: the next pass sends nothing.
-    sw.heard.clear();
-    (void)stderr_of(status_polling_step);
-    EXPECT_EQ(strings{}, sw.heard);
-  }
-}
-
-// A request whose flags or destinations query fails is not rescheduled: the
-// first pass on the next connection sends a request at once.
-TEST_F(StatusPollingTest, FailedRequestIsNotRescheduled) {
-  const std::string closed = link_closed;
-  struct Case {
-    const char* name;
-    std::string silent_on, hang_up_after;
-    std::string lines;
-  };
-  const Case cases[] = {
-      {"flags unanswered", "BK F", "", "<ERR>Timeout receiving message\n" + closed},
-      {"destinations unsendable", "", "BK f 0",
-       "<NOTE>Connection suddenly dropped\n" + closed + "<ERR>Unable to send message\n"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    LoadTables("3");
-    sw.answers = {{"BK F", framed("N0KB\tF\t0")}};
     sw.silent_on = c.silent_on;
     sw.hang_up_after = c.hang_up_after;
+    sw.heard.clear();
     set_next_status_poll(1);
     EXPECT_EQ(c.lines, lines_starting(stderr_of(status_polling_step), {"<ERR>", "<NOTE>"}));
-    EXPECT_FALSE(connection_is_open());
-    sw.silent_on = sw.hang_up_after = "";
-    switcher_link_up();
-    clear_flag(process_flag::sync_needed);
+    EXPECT_EQ(c.sent, sw.heard);
+    EXPECT_EQ(c.lines.empty(), connection_is_open());
+    if (!connection_is_open()) {
+      sw.silent_on = sw.hang_up_after = "";
+      switcher_link_up();
+      clear_flag(process_flag::sync_needed);
+    }
+    // Rescheduled: the next pass sends nothing, unless the request failed.
     sw.heard.clear();
     (void)stderr_of(status_polling_step);
-    EXPECT_EQ((strings{"BK F", "BK f 0", "QD"}), sw.heard);
+    EXPECT_EQ((c.lines.empty() ? strings{} : strings{"BK F", "BK f 0", "QD"}), sw.heard);
   }
 }
 
