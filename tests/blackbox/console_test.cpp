@@ -11,61 +11,10 @@ namespace {
 
 class ConsoleTest : public SystemTest {
  protected:
-  // Starts the console on a configuration naming the emulator.
-  void StartConsole() {
-    const std::string cfg = dir_.write("c.cfg", client_emulator_config(port_));
-    ASSERT_TRUE(child_start(console_, CONSOLE_PATH,
-                            {"zeph_route_console", "--backend", DAEMON_PATH, "--file", cfg}));
-  }
   void Type(const std::string& lines) { child_write(console_, lines); }
   std::string Until(const std::string& text) { return LinesUntil(console_.out_buf, text); }
-  // Ends its input and returns its exit status.
-  int End() {
-    child_close_input(console_);
-    return child_wait_exit(console_, wait_ms);
-  }
   child_process console_;  // stopped first: it stops its backend itself
 };
-
-TEST_F(ConsoleTest, RefusesBadLinesWithOneErrorEachAndShowsErrorReplies) {
-  StartEmulator({"--outputs", "4", "--inputs", "4"});
-  StartConsole();
-  Type("wait\n");
-  // The first routes print once the names are in, before or after their
-  // summary line, as the pipe's reads fall: both are awaited.
-  const std::string start = Until("outputs: 4 names");
-  ASSERT_NE("", start);
-  if (start.find("o3 OUT 4 <- i3 CAM 4") == std::string::npos) {
-    ASSERT_NE("", Until("o3 OUT 4 <- i3 CAM 4"));
-  }
-  struct Case {
-    std::string line;
-    std::string error;
-  };
-  const Case cases[] = {
-      {"tkae 1 2", "unknown command \"tkae\" (help lists them)"},
-      {"take 1", "take takes OUT IN (e.g. take 2 5)"},
-      {"flush now", "flush takes nothing more (e.g. flush)"},
-      {"take 4 1", "output 4 is out of range: the backend uses 4 outputs"},
-      {"add 0 \"CAM 9\"", "no input is named \"CAM 9\" in the latest inputs report"},
-      {"add \"1\" 1", "no output is named \"1\" in the latest outputs report"},
-      {"take \"OUT 1 2", "a quote is not closed"},
-      {"report levels", "report what? outputs or inputs"},
-      {"show everything", "show what? routes, inputs, outputs or info"},
-      {"log loud", "log level must be err, warn, note or dbg"},
-      {"emulator take 1 1", "no emulator runs: start the console with --emulator"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.line);
-    Type(c.line + "\n");
-    EXPECT_EQ("> " + c.line + "\nerror: " + c.error + "\n", Until("error: "));
-  }
-  // None of them reached the backend: the next request is the first.
-  Type("raw\n*TYPE=command\n*COMMAND=Report\n*ID=r1\n\nreport inputs\n");
-  EXPECT_NE("", Until("error: raw record (id r1): Unknown command Report"));
-  EXPECT_NE("", Until("ok: report inputs (id 1)"));
-  EXPECT_EQ(1, End());
-}
 
 // The row of "show routes" that starts with start, the blanks that align
 // the names set aside.
@@ -80,12 +29,15 @@ std::string row(const std::string& table, const std::string& start) {
 
 // A script may start before the synchronisation: positions and names wait
 // for the reports that give them. Routes come in the outputs' order, and
-// "wait routes" waits until the switcher confirms every take sent.
+// "wait routes" waits until the switcher confirms every take sent. Bad lines
+// are refused with one error each and never reach the backend.
 TEST_F(ConsoleTest, ScriptTakesBeforeSynchronisationAndWaitsForItsTakes) {
   // Output 1 is named with quotes, output 2 as output 0 is.
   StartEmulator({"--outputs", "12", "--inputs", "12", "--output-names",
                  dir_.write("names", "\nSay \"Hi\"\nOUT 1\n")});
-  StartConsole();
+  const std::string cfg = dir_.write("c.cfg", client_emulator_config(port_));
+  ASSERT_TRUE(child_start(console_, CONSOLE_PATH,
+                          {"zeph_route_console", "--backend", DAEMON_PATH, "--file", cfg}));
   Type("take 4 9\ntake 10 1\nwait routes\nshow routes\n");
   const std::string lines = Until("ok: flush (id 4)");
   ASSERT_NE("", lines);
@@ -98,7 +50,31 @@ TEST_F(ConsoleTest, ScriptTakesBeforeSynchronisationAndWaitsForItsTakes) {
   EXPECT_EQ(" 4 OUT 5 9 CAM 10", row(table, "   4  ")) << table;
   EXPECT_EQ(" 10 OUT 11 1 CAM 2", row(table, "  10  ")) << table;
 
-  // A name two outputs carry is refused; a backslash keeps a quote.
+  struct Case {
+    std::string line;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"tkae 1 2", "unknown command \"tkae\" (help lists them)"},
+      {"take 1", "take takes OUT IN (e.g. take 2 5)"},
+      {"flush now", "flush takes nothing more (e.g. flush)"},
+      {"take 12 1", "output 12 is out of range: the backend uses 12 outputs"},
+      {"add 0 \"CAM 13\"", "no input is named \"CAM 13\" in the latest inputs report"},
+      {"add \"1\" 1", "no output is named \"1\" in the latest outputs report"},
+      {"take \"OUT 1 2", "a quote is not closed"},
+      {"report levels", "report what? outputs or inputs"},
+      {"show everything", "show what? routes, inputs, outputs or info"},
+      {"log loud", "log level must be err, warn, note or dbg"},
+      {"emulator take 1 1", "no emulator runs: start the console with --emulator"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line);
+    Type(c.line + "\n");
+    EXPECT_EQ("> " + c.line + "\nerror: " + c.error + "\n", Until("error: "));
+  }
+
+  // A name two outputs carry is refused; a backslash keeps a quote. None of
+  // the lines refused reached the backend: the next request is the fifth.
   Type("add \"OUT 1\" 0\ntake \"Say \\\"Hi\\\"\" 3\n");
   EXPECT_NE("", Until("error: outputs 0 and 2 are both named \"OUT 1\": give the position"));
   EXPECT_NE("", Until("ok: add o1 Say \"Hi\" <- i3 CAM 4 (id 5)"));
@@ -114,7 +90,8 @@ TEST_F(ConsoleTest, ScriptTakesBeforeSynchronisationAndWaitsForItsTakes) {
   EXPECT_EQ(" 0 OUT 1 0 Mic", row(renamed, "   0  ")) << renamed;
   EXPECT_EQ(" 3 Studio D 3 CAM 4", row(renamed, "   3  ")) << renamed;
   EXPECT_NE("", Until("ok: add o3 Studio D <- i0 Mic (id 7)"));
-  EXPECT_EQ(1, End());  // for the refused line
+  child_close_input(console_);
+  EXPECT_EQ(1, child_wait_exit(console_, wait_ms));  // for the refused lines
   EXPECT_NE(std::string::npos, console_.out_buf.find("backend stopped: exit status 0\n"));
 }
 
@@ -139,9 +116,8 @@ TEST_F(ConsoleTest, ScriptsSayWhatHappenedAndEndWithTheirStatus) {
        "error: raw record (id m1): Message ping ignored", 1},
       // Asked to, the emulator stops without news; stopped otherwise, it ends
       // the session.
-      {{emulate, "--model", "CaseEmu"},
-       "emulator quit\nsleep 0.5\nemulator take 1 1\n", "error: the emulator has ended", 1},
-      {{emulate, "--model", "CaseEmu"}, "wait\nsleep 30\n", "error: the emulator ended by itself", 1},
+      {{emulate}, "emulator quit\nsleep 0.5\nemulator take 1 1\n", "error: the emulator has ended", 1},
+      {{emulate}, "wait\nsleep 30\n", "error: the emulator ended by itself", 1},
       // Without a configuration file the backend stops at start-up, and a
       // wait ended by that says nothing more.
       {{"--file", dir_.path + "/missing.cfg"}, "wait\n",
@@ -156,10 +132,11 @@ TEST_F(ConsoleTest, ScriptsSayWhatHappenedAndEndWithTheirStatus) {
     child_write(console, c.script);
     std::string out;
     if (c.script.find("sleep 30") != std::string::npos) {
-      // The emulator gets SIGTERM from outside, while the console sleeps
-      // (the bracket keeps pkill from matching its own shell).
+      // The emulator, the console's child, gets SIGTERM from outside while
+      // the console sleeps.
       out = LinesUntil(console.out_buf, "> sleep 30");
-      EXPECT_EQ(0, std::system("pkill -f 'switcher_emulato[r].*CaseEmu'"));
+      const std::string kill = "pkill -P " + std::to_string(console.pid) + " -f switcher_emulator";
+      EXPECT_EQ(0, std::system(kill.c_str()));
     }
     out += LinesUntil(console.out_buf, c.says);
     EXPECT_NE(std::string::npos, out.find(c.says)) << out;

@@ -10,10 +10,13 @@ TEST_F(SystemTest, SynchronisesThenFollowsTakesRenamesAndAddressChanges) {
   StartEmulator({"--outputs", "3", "--inputs", "4", "--model", "Test Model", "--firmware-type",
                  "V5", "--firmware-revision", "2.1", "--routes", "1:2,2:3,3:4"});
   StartBackend();
-  const std::vector<std::string> expected{"BK",       "BK N",   "BK R",  "BK T",  "BK I 15",
-                                          "BK E OFF", "BK D",   "QN L",  "QN IS", "QN ID",
-                                          "QI 1 0",   "QI 2 0", "QI 3 0"};
-  EXPECT_EQ(expected, ReceivedUntil("QI 3 0"));
+  const std::string log = LinesUntil(emu_.err_buf, "recv QI 3 0");
+  std::string received;
+  for (std::size_t at = 0; (at = log.find("recv ", at)) != std::string::npos; at += 5) {
+    received += log.substr(at + 5, log.find('\n', at) - at - 4);
+  }
+  EXPECT_EQ("BK\nBK N\nBK R\nBK T\nBK I 15\nBK E OFF\nBK D\nQN L\nQN IS\nQN ID\nQI 1 0\nQI 2 0\nQI 3 0\n",
+            received);
   EXPECT_EQ(Info(4, 3, "Test Model", "V5 [2.1]"), WithoutCopyright(WaitRecord("model=Test Model")));
   // The routes learned during the synchronisation, then the names tables.
   EXPECT_EQ("*COMMAND=outputs\n*TYPE=message\no0.input.all=1\no1.input.all=2\no2.input.all=3\n",
@@ -27,7 +30,7 @@ TEST_F(SystemTest, SynchronisesThenFollowsTakesRenamesAndAddressChanges) {
        "*COMMAND=route output\n*TYPE=command\n*ID=8\nqueue=flush\n\n");
   EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=7\n", read_record(backend_));
   // Destination and source are the switcher's numbers: position plus base 1.
-  EXPECT_NE("", wait_for_stderr(emu_, "recv TI 3 1"));
+  EXPECT_NE("", LinesUntil(emu_.err_buf, "recv TI 3 1"));
   EXPECT_EQ("*COMMAND=route output\n*TYPE=reply\n*ID=8\n", read_record(backend_));
   EXPECT_EQ("*COMMAND=outputs\n*TYPE=message\no2.input.all=0\n", WaitRecord("input.all"));
   child_write(emu_, "rename output 2 Studio B\n");
@@ -37,9 +40,9 @@ TEST_F(SystemTest, SynchronisesThenFollowsTakesRenamesAndAddressChanges) {
   // Another spelling of the same address rebuilds the connection.
   Send("*COMMAND=set\n*TYPE=message\nname=ip address\nvalue=127.1\n\n");
   EXPECT_EQ(link_closed, wait_for_stderr(backend_, link_closed));
-  EXPECT_NE("", wait_for_stderr(emu_, "client closed"));
-  EXPECT_NE("", wait_for_stderr(emu_, "client connected"));
-  EXPECT_NE("", wait_for_stderr(emu_, "recv BK N"));
+  EXPECT_NE("", LinesUntil(emu_.err_buf, "client closed"));
+  EXPECT_NE("", LinesUntil(emu_.err_buf, "client connected"));
+  EXPECT_NE("", LinesUntil(emu_.err_buf, "recv BK N"));
   ASSERT_NE("", WaitRecord("o1.name=Studio B"));
   child_close_input(backend_.child);
   EXPECT_EQ(0, wait_exit(backend_));

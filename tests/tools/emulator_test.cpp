@@ -10,33 +10,9 @@
 
 namespace {
 
-// "ER|00|BK", with a leading "+" when the message announces continuation.
-std::string summary(const router_message& m) {
-  std::string s = m.seq == '0' ? "" : "+";
-  s.append(m.request, strnlen(m.request, 2));
-  for (const std::string& p : m.parameters) s += "|" + p;
-  return s;
-}
-
-class SwitcherEmulatorTest : public testing::Test {
- protected:
-  void SetUp() override {
-    std::string error;
-    ASSERT_TRUE(emulator_init(cfg, st, error)) << error;
-  }
-  // The answer to a request, one summary per message joined by " / ".
-  std::string Ask(const char* letters, std::vector<std::string> params = {}) {
-    std::string s;
-    for (const router_message& m : emulator_answer(cfg, st, make_router_request(letters, params))) {
-      s += (s.empty() ? "" : " / ") + summary(m);
-    }
-    return s;
-  }
-  emulator_config cfg;
-  emulator_state st;
-};
-
-TEST_F(SwitcherEmulatorTest, AnswersEachRequestForm) {
+// Each answer as one summary per message, "ER|00|BK", with a leading "+" when
+// the message announces continuation, joined by " / ".
+TEST(SwitcherEmulatorTest, AnswersEachRequestForm) {
   const std::tuple<const char*, std::vector<std::string>, const char*> cases[] = {
       {"BK", {}, "ER|00|BK"},
       {"BK", {"I", "15"}, "ER|00|BK"},
@@ -49,8 +25,17 @@ TEST_F(SwitcherEmulatorTest, AnswersEachRequestForm) {
       {"ZZ", {}, "ER|01|ZZ"},
   };
   for (const auto& [letters, params, answer] : cases) {
-    SetUp();
-    EXPECT_EQ(answer, Ask(letters, params)) << letters << testing::PrintToString(params);
+    emulator_config cfg;
+    emulator_state st;
+    std::string error;
+    ASSERT_TRUE(emulator_init(cfg, st, error)) << error;
+    std::string s;
+    for (const router_message& m : emulator_answer(cfg, st, make_router_request(letters, params))) {
+      s += (s.empty() ? "" : " / ") + std::string(m.seq == '0' ? "" : "+");
+      s.append(m.request, strnlen(m.request, 2));
+      for (const std::string& p : m.parameters) s += "|" + p;
+    }
+    EXPECT_EQ(answer, s) << letters << testing::PrintToString(params);
   }
 }
 
