@@ -16,19 +16,15 @@ class SystemTest : public testing::Test {
  protected:
   static constexpr int wait_ms = 15000;  // generous bound for anything that must happen
 
-  // Starts the emulator on an ephemeral port with the given extra options.
   void StartEmulator(std::vector<std::string> extra = {}) {
     extra.insert(extra.begin(), "--verbose");
     port_ = client_start_emulator(emu_, emulator_path_, extra, wait_ms);
     ASSERT_FALSE(port_.empty());
   }
 
-  // Starts the backend on config, which names the emulator once one runs;
-  // words go on the command line before "--file".
-  void StartBackend(std::string config = "", std::vector<std::string> words = {}) {
-    if (!port_.empty()) config += client_emulator_config(port_);
-    words.insert(words.end(), {"--file", dir_.write("r.cfg", config)});
-    ASSERT_TRUE(client_start(backend_, daemon_path_, words));
+  void StartBackend() {
+    const std::string cfg = dir_.write("r.cfg", client_emulator_config(port_));
+    ASSERT_TRUE(client_start(backend_, daemon_path_, {"--file", cfg}));
   }
 
   // Reads records until one holds needle; returns it, or "" at the deadline.
