@@ -62,9 +62,8 @@ class SystemTest : public testing::Test {
     return client_next_record(c, timeout_ms, r) ? r.text : "";
   }
 
-  // Waits for a diagnostic line holding text (a whole line when it ends in
-  // "\n") and returns it with its "\n", consuming it and the lines before;
-  // "" when none came.
+  // Takes the diagnostic lines up to one holding text (a whole line when it
+  // ends in "\n") and returns that one with its "\n"; "" when none came.
   static std::string wait_for_stderr(parent_client& c, const std::string& text) {
     client_diag line;
     return client_wait_diag(c, text.substr(0, text.find('\n')), wait_ms, line) ? line.text + "\n" : "";
@@ -73,14 +72,13 @@ class SystemTest : public testing::Test {
   // that holds text, each with its "\n"; "" when none came in time.
   static std::string LinesUntil(std::string& buf, const std::string& text) {
     std::string seen;
-    const auto found = [&] {
+    return child_wait([&] {
       for (std::string line; child_take_line(buf, line);) {
         seen += line + "\n";
         if (line.find(text) != std::string::npos) return true;
       }
       return false;
-    };
-    return child_wait(found, wait_ms) ? seen : "";
+    }, wait_ms) ? seen : "";
   }
 
   // The backend's exit status, or -1 when it did not exit within timeout_ms

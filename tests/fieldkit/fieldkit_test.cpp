@@ -24,11 +24,6 @@ class FieldKitTest : public SystemTest {
     return out;
   }
 
-  void StopEmulator() {
-    child_write(emu_, "quit\n");
-    EXPECT_EQ(0, child_wait_exit(emu_, wait_ms));
-  }
-
   // One line per packet that carries the protocol; with the port's
   // preference, or found by the framing alone. HOME keeps the user's
   // profile, and any dissector installed in it, out.
@@ -104,7 +99,8 @@ TEST_F(FieldKitTest, DissectorReassemblesAndMarksFaults) {
   for (int i = 0; i < wait_ms / 100 && !complete(); ++i) got += read_for(fd, 1, 100);
   close_fd(fd);
   ASSERT_TRUE(complete());
-  StopEmulator();
+  child_write(emu_, "quit\n");
+  EXPECT_EQ(0, child_wait_exit(emu_, wait_ms));
   EXPECT_EQ(Run("cat " GOLDEN_DIR "/fault_session.txt"), Fields(capture));
 }
 
@@ -129,7 +125,8 @@ TEST_F(FieldKitTest, InstalledPackageSynchronisesRoutesAndIsDecoded) {
   EXPECT_NE("", WaitRecord("o1.input.all=2"));
   child_close_input(backend_.child);
   EXPECT_EQ(0, wait_exit(backend_));
-  StopEmulator();
+  child_write(emu_, "quit\n");
+  EXPECT_EQ(0, child_wait_exit(emu_, wait_ms));
   // The session up to the answer to the take, less the status polls that find
   // nothing (about every 350 ms), however many fell before the take.
   std::string fields = Fields(capture, false);
