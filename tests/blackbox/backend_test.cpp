@@ -168,9 +168,7 @@ TEST_F(SystemTest, SynchronisesThenFollowsTakesRenamesAndAddressChanges) {
 // 100 ms, gives up after 5 s and closes the link. A silent switcher, a hang-up
 // and reconnecting every 5 s are shown by the router and synchronisation tests
 // and, against the emulator's chaos, by the fault soak.
-class RecoveryTest : public SystemTest {};
-
-TEST_F(RecoveryTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
+TEST_F(SystemTest, HandshakeAnsweredOnlyWithAcksGivesUpAfterFiveSeconds) {
   StartEmulator({"--ack-only"});
   StartBackend();
   EXPECT_NE("", LinesUntil(emu_.err_buf, "client connected"));

@@ -89,20 +89,19 @@ TEST_F(ConsoleTest, ScriptsSayWhatHappenedAndEndWithTheirStatus) {
     std::string says;  // a line the output must hold, the last one it waits for
     int status;
   };
-  const std::string emulate = "--emulator";
   const Case cases[] = {
       {{"--help"}, "", "usage: zeph_route_console [--backend PATH] --file CFG", 0},
       // No outputs: nothing to route, and nothing to wait for.
-      {{emulate, "--outputs", "0"}, "wait\nshow routes\n", " OUT  NAME    IN  NAME", 0},
-      {{emulate}, "wait\nreport inputs\n",
+      {{"--emulator", "--outputs", "0"}, "wait\nshow routes\n", " OUT  NAME    IN  NAME", 0},
+      {{"--emulator"}, "wait\nreport inputs\n",
        "inputs: no report follows; the latest has 16 names (show inputs)", 0},
       // Error paths follow.
-      {{emulate}, "raw\n*TYPE=message\n*COMMAND=ping\n*ID=m1\n\n",
+      {{"--emulator"}, "raw\n*TYPE=message\n*COMMAND=ping\n*ID=m1\n\n",
        "error: raw record (id m1): Message ping ignored", 1},
       // Asked to, the emulator stops without news; stopped otherwise, it ends
       // the session.
-      {{emulate}, "emulator quit\nsleep 0.5\nemulator take 1 1\n", "error: the emulator has ended", 1},
-      {{emulate}, "wait\nsleep 30\n", "error: the emulator ended by itself", 1},
+      {{"--emulator"}, "emulator quit\nsleep 0.5\nemulator take 1 1\n", "error: the emulator has ended", 1},
+      {{"--emulator"}, "wait\nsleep 30\n", "error: the emulator ended by itself", 1},
       // Without a configuration file the backend stops at start-up, and a
       // wait ended by that says nothing more.
       {{"--file", dir_.path + "/missing.cfg"}, "wait\n",

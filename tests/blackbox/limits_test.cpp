@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "parent_client/client.h"
-#include "parent_client/temp_dir.h"
 #include "router/link_texts.h"
 
 namespace {
@@ -22,7 +21,7 @@ constexpr us_time_t sec = 1000 * ms;
 
 // One backend against an emulator of its own.
 struct rig {
-  temp_dir dir;  // its configuration: each rig its own, as they start side by side
+  temp_dir dir;  // its files: each rig its own, as they start side by side
   child_process emu;
   parent_client backend;
   std::map<std::string, us_time_t> sent;  // request id -> when it was sent
@@ -231,7 +230,6 @@ void check(batch_flood& f) {
 }
 
 TEST(ParentLimitsTest, FloodsAndAStalledParentCostNoTallyLinkStackOrMemory) {
-  temp_dir dir;
   std::string outputs;
   std::string inputs;
   for (int n = 1; n <= 256; ++n) {
@@ -246,8 +244,8 @@ TEST(ParentLimitsTest, FloodsAndAStalledParentCostNoTallyLinkStackOrMemory) {
   start(loops, "loops", late);
   start(stacked, "stacked", late, {"/usr/bin/prlimit", "--stack=262144"});
   start(stalled, "stalled",
-        {"--outputs", "256", "--inputs", "256", "--output-names", dir.write("o", outputs),
-         "--input-names", dir.write("i", inputs)});
+        {"--outputs", "256", "--inputs", "256", "--output-names", stalled.dir.write("o", outputs),
+         "--input-names", stalled.dir.write("i", inputs)});
   start(batches, "batches", {"--outputs", "16", "--inputs", "16", "--delay", "80"});
   ASSERT_FALSE(HasFatalFailure());
   rig* const rigs[] = {&loops, &stacked, &stalled, &batches};
@@ -306,12 +304,11 @@ TEST(ParentLimitsTest, HugeFieldAndHalfAMillionAddsCostNoMemory) {
        },
        500'000, ""},
   };
-  temp_dir dir;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     rig r;
     ASSERT_TRUE(client_start(r.backend, DAEMON_PATH,
-                             {"--file", dir.write("r.cfg", "inputs=64\noutputs=64\n")}));
+                             {"--file", r.dir.write("r.cfg", "inputs=64\noutputs=64\n")}));
     client_record info;
     ASSERT_TRUE(client_next_record(r.backend, 15000, info));
     const long peak = child_status_kib(r.backend.child, "VmHWM");

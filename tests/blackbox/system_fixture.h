@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "parent_client/client.h"
-#include "parent_client/temp_dir.h"
 
 class SystemTest : public testing::Test {
  protected:
