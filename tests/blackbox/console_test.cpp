@@ -57,6 +57,8 @@ TEST_F(ConsoleTest, ScriptTakesBeforeSynchronisationAndWaitsForItsTakes) {
     child_write(console, c.line + "\n");
     EXPECT_EQ("> " + c.line + "\nerror: " + c.error + "\n", until("error: "));
   }
+  child_write(console, "raw\n*TYPE=command\n*COMMAND=Report\n*ID=r1\n\n");
+  EXPECT_NE("", until("error: raw record (id r1): Unknown command Report"));
 
   // A name two outputs carry is refused; a backslash keeps a quote. None of
   // the lines refused reached the backend: the next request is the fifth.
