@@ -60,8 +60,8 @@ TEST_F(ConsoleTest, ScriptTakesBeforeSynchronisationAndWaitsForItsTakes) {
   child_write(console, "raw\n*TYPE=command\n*COMMAND=Report\n*ID=r1\n\n");
   EXPECT_NE("", until("error: raw record (id r1): Unknown command Report"));
 
-  // A name two outputs carry is refused; a backslash keeps a quote. None of
-  // the lines refused reached the backend: the next request is the fifth.
+  // A name two outputs carry is refused; a backslash keeps a quote. No line
+  // refused reached the backend: the next numbered request is the fifth.
   child_write(console, "add \"OUT 1\" 0\ntake \"Say \\\"Hi\\\"\" 3\n");
   EXPECT_NE("", until("error: outputs 0 and 2 are both named \"OUT 1\": give the position"));
   EXPECT_NE("", until("ok: add o1 Say \"Hi\" <- i3 CAM 4 (id 5)"));
