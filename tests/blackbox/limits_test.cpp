@@ -4,7 +4,7 @@
 // request is still answered.
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -12,19 +12,16 @@
 #include <vector>
 
 #include "parent_client/client.h"
-#include "parent_client/temp_dir.h"
 #include "router/link_texts.h"
 
 namespace {
 
 constexpr us_time_t ms = 1000;
 constexpr us_time_t sec = 1000 * ms;
-constexpr long memory_growth_kib = 8 * 1024;  // resident memory a run may add at most
-constexpr long tight_growth_kib = 3 * 1024;   // the same, where far less is expected
 
 // One backend against an emulator of its own.
 struct rig {
-  temp_dir dir;  // its configuration: each rig its own, as they start side by side
+  temp_dir dir;  // its files: each rig its own, as they start side by side
   child_process emu;
   parent_client backend;
   std::map<std::string, us_time_t> sent;  // request id -> when it was sent
@@ -34,11 +31,10 @@ struct rig {
 
 // The sanitizers' allocator keeps freed memory in quarantine, which would
 // grow the backend's resident memory by whatever it ever freed.
-void without_quarantine() {
+[[maybe_unused]] const int without_quarantine = [] {
   const char* old = std::getenv("ASAN_OPTIONS");
-  const std::string options = std::string(old ? old : "") + ":quarantine_size_mb=0";
-  setenv("ASAN_OPTIONS", options.c_str(), 1);
-}
+  return setenv("ASAN_OPTIONS", (std::string(old ? old : "") + ":quarantine_size_mb=0").c_str(), 1);
+}();
 
 void start(rig& r, const std::string& name, const std::vector<std::string>& emu,
            const std::vector<std::string>& wrapper = {}) {
@@ -48,43 +44,22 @@ void start(rig& r, const std::string& name, const std::vector<std::string>& emu,
 }
 
 // Names, inputs and a route for every output reported: the first
-// synchronisation is over. Its stack and memory are the baseline.
-bool synced(rig& r) {
-  client_take_output(r.backend);
-  const report_tables& t = r.backend.tables;
-  if (!t.have_inputs || !t.have_outputs || tables_count(t, "outputs") <= 0 ||
-      static_cast<long>(t.routes.size()) < tables_count(t, "outputs")) {
-    return false;
-  }
-  if (r.stack_kib < 0) {
-    r.stack_kib = child_status_kib(r.backend.child, "VmStk");
-    r.peak_kib = child_status_kib(r.backend.child, "VmHWM");
-  }
-  return true;
+// synchronisation is over.
+bool synced(rig* r) {
+  client_take_output(r->backend);
+  const report_tables& t = r->backend.tables;
+  return t.have_inputs && t.have_outputs && tables_count(t, "outputs") > 0 &&
+         static_cast<long>(t.routes.size()) >= tables_count(t, "outputs");
 }
 
-// When each reply arrived, by id.
-std::map<std::string, us_time_t> replies(const rig& r) {
-  std::map<std::string, us_time_t> at;
+// How long each request answered waited for its reply, by id.
+std::map<std::string, us_time_t> waits(const rig& r) {
+  std::map<std::string, us_time_t> waited;
   for (const client_record& rec : r.backend.records) {
-    if (rec.msg.type == "reply") at.emplace(rec.msg.id, rec.at);
+    const auto sent = r.sent.find(rec.msg.id);
+    if (rec.msg.type == "reply" && sent != r.sent.end()) waited.emplace(sent->first, rec.at - sent->second);
   }
-  return at;
-}
-
-// Every request answered, none later than limit after it was sent.
-void expect_answered(const rig& r, us_time_t limit, const char* name) {
-  const std::map<std::string, us_time_t> at = replies(r);
-  us_time_t longest = 0;
-  for (const auto& [id, when] : r.sent) {
-    const auto reply = at.find(id);
-    if (reply == at.end()) {
-      ADD_FAILURE() << name << ": request " << id << " got no reply";
-      return;
-    }
-    longest = std::max(longest, reply->second - when);
-  }
-  EXPECT_LE(longest, limit) << name << ": longest wait";
+  return waited;
 }
 
 void expect_stack_flat(const rig& r, const char* name) {
@@ -109,8 +84,7 @@ std::string diag_lines(const rig& r, const std::string& text) {
 // reported within 10 s. Every 0.4 s for 150 s, as fast as the channel takes
 // records while the backend waits (two bytes a 10 ms cycle), replies fall
 // behind: on a 256 KiB stack the backend must live, with its stack as it was.
-struct report_flood {
-  rig r;
+struct report_flood : rig {
   us_time_t period;
   us_time_t end;
   us_time_t reply_limit;
@@ -121,30 +95,30 @@ struct report_flood {
 
 void tick(report_flood& f, us_time_t t0, us_time_t now) {
   if (now < t0 + f.end && now >= f.next) {
-    f.r.sent[client_send(f.r.backend, client_report_request("outputs"))] = now;
+    f.sent[client_send(f.backend, client_report_request("outputs"))] = now;
     f.next = std::max(f.next, t0) + f.period;
   }
   if (f.take && f.taken_at == 0 && now >= t0 + 5 * sec) {
-    child_write(f.r.emu, "take 4 9\n");  // switcher numbers: output 3, input 8
+    child_write(f.emu, "take 4 9\n");  // switcher numbers: output 3, input 8
     f.taken_at = now;
   }
 }
 
 void check(const report_flood& f, const char* name) {
-  expect_answered(f.r, f.reply_limit, name);
-  expect_stack_flat(f.r, name);
-  EXPECT_EQ("", diag_lines(f.r, "<ERR>")) << name;
-  EXPECT_EQ(link_connected, diag_lines(f.r, "<NOTE>Connection")) << name;
+  us_time_t longest = 0;
+  for (const auto& [id, waited] : waits(f)) longest = std::max(longest, waited);
+  EXPECT_EQ(f.sent.size(), waits(f).size()) << name << ": requests without a reply";
+  EXPECT_LE(longest, f.reply_limit) << name << ": longest wait";
+  expect_stack_flat(f, name);
+  EXPECT_EQ("", diag_lines(f, "<ERR>")) << name;
+  EXPECT_EQ(link_connected, diag_lines(f, "<NOTE>Connection")) << name;
   if (!f.take) return;
-  us_time_t routed = 0;
-  for (const client_record& rec : f.r.backend.records) {
-    const auto it = rec.msg.fields.find("o3.input.all");
-    if (routed == 0 && rec.at >= f.taken_at && it != rec.msg.fields.end() && it->second == "8") {
-      routed = rec.at;
-    }
-  }
-  EXPECT_NE(0u, routed) << "the route taken on the switcher never reached the parent";
-  EXPECT_LE(routed - f.taken_at, 10 * sec);
+  const auto& records = f.backend.records;
+  const auto routed = std::find_if(records.begin(), records.end(), [&f](const client_record& rec) {
+    return rec.at >= f.taken_at && parent_field(rec.msg, "o3.input.all") == "8";
+  });
+  ASSERT_NE(records.end(), routed) << "the route taken on the switcher never reached the parent";
+  EXPECT_LE(routed->at - f.taken_at, 10 * sec);
 }
 
 // A parent that stops reading for 90 s while the switcher renames a source
@@ -153,15 +127,12 @@ void check(const report_flood& f, const char* name) {
 // than the output buffer holds, so the backend must stop reading. Then it
 // reads again: every reply comes, in order, and the reports that waited
 // meanwhile come as a few, not as a backlog.
-struct stalled_parent {
-  rig r;
+struct stalled_parent : rig {
   std::size_t queued = 0;  // requests handed to the pipe so far
   us_time_t next_rename = 0;
   std::uint64_t renames = 0;
   us_time_t resumed = 0;
-  long cpu_ms = -1;
-  bool held = false;  // requests were still waiting when the parent read again
-  long peak_growth_kib = -1;
+  long cpu_ms = -1;  // once synchronised
 };
 constexpr std::size_t stalled_requests = 50'000;
 
@@ -172,40 +143,34 @@ std::string long_name(const char* kind, std::uint64_t n) {
 }
 
 void tick(stalled_parent& p, us_time_t t0, us_time_t now) {
-  if (p.cpu_ms < 0) {
-    p.cpu_ms = child_cpu_ms(p.r.backend.child);
-    p.r.backend.child.out_paused = true;
-  }
-  while (p.queued < stalled_requests && p.r.backend.child.to_write.size() < 65536) {
-    (void)client_send(p.r.backend, client_report_request("inputs"));
+  while (p.queued < stalled_requests && p.backend.child.to_write.size() < 65536) {
+    (void)client_send(p.backend, client_report_request("inputs"));
     ++p.queued;
   }
   if (p.resumed == 0 && now >= p.next_rename) {
     const std::string n = std::to_string(1 + p.renames % 256);
     ++p.renames;
-    child_write(p.r.emu, "rename output " + n + " " + long_name("OUT", p.renames) + "\n" +
-                             "rename input " + n + " " + long_name("IN", p.renames) + "\n");
+    child_write(p.emu, "rename output " + n + " " + long_name("OUT", p.renames) + "\n" +
+                           "rename input " + n + " " + long_name("IN", p.renames) + "\n");
     p.next_rename = now + 250 * ms;
   }
   if (p.resumed == 0 && now >= t0 + 90 * sec) {
-    p.held = p.queued < stalled_requests || !p.r.backend.child.to_write.empty();
-    p.cpu_ms = child_cpu_ms(p.r.backend.child) - p.cpu_ms;
-    p.peak_growth_kib = child_status_kib(p.r.backend.child, "VmHWM") - p.r.peak_kib;
-    p.r.backend.child.out_paused = false;
+    EXPECT_TRUE(p.queued < stalled_requests || !p.backend.child.to_write.empty())
+        << "the backend read all requests while its replies stayed unread";
+    EXPECT_LT(child_status_kib(p.backend.child, "VmHWM") - p.peak_kib, 8 * 1024);
+    // A loop that spun on the waiting input would have used the whole 90 s.
+    EXPECT_LT(child_cpu_ms(p.backend.child) - p.cpu_ms, 30'000);
+    p.backend.child.out_paused = false;
     p.resumed = now;
   }
 }
 
 void check(const stalled_parent& p) {
-  EXPECT_TRUE(p.held) << "the backend read all requests while its replies stayed unread";
-  EXPECT_LT(p.peak_growth_kib, memory_growth_kib);
-  // A loop that spun on the waiting input would have used the whole 90 s.
-  EXPECT_LT(p.cpu_ms, 30'000);
   // Every reply, once and in order; and until the last of them, only the few
   // names reports that waited in the pipe and the output buffer.
   std::uint64_t expected = 1;
   int names_reports = 0;
-  for (const client_record& rec : p.r.backend.records) {
+  for (const client_record& rec : p.backend.records) {
     if (rec.msg.type == "reply") {
       ASSERT_EQ(std::to_string(expected), rec.msg.id);
       if (++expected > stalled_requests) break;
@@ -223,26 +188,16 @@ void check(const stalled_parent& p) {
 // group read while a long batch waits nests a batch of its own, and for
 // every output the newest change flushed must be the last the switcher
 // receives.
-struct batch_flood {
-  rig r;
+struct batch_flood : rig {
   std::uint64_t rng = 7;
   std::map<long, long> newest;  // output -> input of the newest change flushed
   std::uint64_t requests = 0;
   std::uint64_t replied = 0;
-  std::string last_flush;
-  us_time_t routes_due = 0;     // when to ask the switcher for its routes
-  bool routes_asked = false;
 };
 
 void tick(batch_flood& f, us_time_t t0, us_time_t now) {
-  for (; !f.r.backend.records.empty(); f.r.backend.records.pop_front()) {
-    const parent_message& m = f.r.backend.records.front().msg;
-    if (m.type != "reply") continue;
-    ++f.replied;
-    // After the last flush's reply a delayed batch may still be due: 750 ms
-    // of pacing and 16 changes at the switcher's 80 ms, stretched many times
-    // on a loaded machine. The scenario runs to 150 s anyway.
-    if (now >= t0 + 60 * sec && m.id == f.last_flush) f.routes_due = now + 20 * sec;
+  for (; !f.backend.records.empty(); f.backend.records.pop_front()) {
+    f.replied += f.backend.records.front().msg.type == "reply" ? 1 : 0;
   }
   while (now < t0 + 60 * sec && f.requests - f.replied < 64) {
     f.rng = f.rng * 6364136223846793005u + 1442695040888963407u;
@@ -251,36 +206,30 @@ void tick(batch_flood& f, us_time_t t0, us_time_t now) {
       f.rng = f.rng * 6364136223846793005u + 1442695040888963407u;
       const long output = static_cast<long>(f.rng >> 60);
       const long input = static_cast<long>((f.rng >> 56) & 15);
-      (void)client_send(f.r.backend, client_route_request("add", input, output));
+      (void)client_send(f.backend, client_route_request("add", input, output));
       f.newest[output] = input;
     }
-    f.last_flush = client_send(f.r.backend, client_route_request("flush"));
+    (void)client_send(f.backend, client_route_request("flush"));
     f.requests += changes + 1;
-  }
-  if (f.routes_due != 0 && now >= f.routes_due && !f.routes_asked) {
-    child_write(f.r.emu, "routes\n");
-    f.routes_asked = true;
   }
 }
 
+// Asked at the end, 90 s after the last flush: a delayed batch may still be
+// due after its reply (750 ms of pacing and 16 changes at the switcher's
+// 80 ms, stretched many times on a loaded machine).
 void check(batch_flood& f) {
-  ASSERT_TRUE(f.routes_asked) << "the last flush was not answered";
-  std::map<long, long> routes;
-  std::string line;
-  while (child_take_line(f.r.emu.out_buf, line)) {
-    long dest = 0;
-    long source = 0;
-    if (std::sscanf(line.c_str(), "route %ld %ld", &dest, &source) == 2) {
-      routes[dest - 1] = source - 1;
-    }
+  ASSERT_EQ(f.requests, f.replied) << "the last flush was not answered";
+  child_write(f.emu, "routes\n");
+  ASSERT_TRUE(child_wait([&f] { return f.emu.out_buf.find("\nok\n") != std::string::npos; }, 15000));
+  // The switcher's numbers are the positions plus 1.
+  for (const auto& [output, input] : f.newest) {
+    const std::string route = std::to_string(output + 1) + " " + std::to_string(input + 1);
+    EXPECT_NE(std::string::npos, ("\n" + f.emu.out_buf).find("\nroute " + route + "\n")) << route;
   }
-  for (const auto& [output, input] : f.newest) EXPECT_EQ(input, routes[output]) << output;
-  expect_stack_flat(f.r, "batch flood");
+  expect_stack_flat(f, "batch flood");
 }
 
 TEST(ParentLimitsTest, FloodsAndAStalledParentCostNoTallyLinkStackOrMemory) {
-  without_quarantine();
-  temp_dir dir;
   std::string outputs;
   std::string inputs;
   for (int n = 1; n <= 256; ++n) {
@@ -292,24 +241,26 @@ TEST(ParentLimitsTest, FloodsAndAStalledParentCostNoTallyLinkStackOrMemory) {
   report_flood stacked{{}, 400 * ms, 150 * sec, 60 * sec, false};
   stalled_parent stalled;
   batch_flood batches;
-  start(loops.r, "loops", late);
-  start(stacked.r, "stacked", late, {"/usr/bin/prlimit", "--stack=262144"});
-  start(stalled.r, "stalled",
-        {"--outputs", "256", "--inputs", "256", "--output-names", dir.write("o", outputs),
-         "--input-names", dir.write("i", inputs)});
-  start(batches.r, "batches", {"--outputs", "16", "--inputs", "16", "--delay", "80"});
+  start(loops, "loops", late);
+  start(stacked, "stacked", late, {"/usr/bin/prlimit", "--stack=262144"});
+  start(stalled, "stalled",
+        {"--outputs", "256", "--inputs", "256", "--output-names", stalled.dir.write("o", outputs),
+         "--input-names", stalled.dir.write("i", inputs)});
+  start(batches, "batches", {"--outputs", "16", "--inputs", "16", "--delay", "80"});
   ASSERT_FALSE(HasFatalFailure());
-  const auto all_synced = [&] {
-    bool all = true;
-    for (rig* r : {&loops.r, &stacked.r, &stalled.r, &batches.r}) all = synced(*r) && all;
-    return all;
-  };
-  ASSERT_TRUE(child_wait(all_synced, 60000));
+  rig* const rigs[] = {&loops, &stacked, &stalled, &batches};
+  ASSERT_TRUE(child_wait([&rigs] { return std::count_if(rigs, rigs + 4, synced) == 4; }, 60000));
+  // The stack and memory once synchronised are the baseline.
+  for (rig* r : rigs) {
+    r->stack_kib = child_status_kib(r->backend.child, "VmStk");
+    r->peak_kib = child_status_kib(r->backend.child, "VmHWM");
+  }
+  stalled.cpu_ms = child_cpu_ms(stalled.backend.child);
+  stalled.backend.child.out_paused = true;
 
   const us_time_t t0 = monotonic_now_us();
   const auto all_answered = [&] {
-    return replies(stacked.r).size() == stacked.r.sent.size() &&
-           replies(loops.r).size() == loops.r.sent.size();
+    return waits(stacked).size() == stacked.sent.size() && waits(loops).size() == loops.sent.size();
   };
   for (us_time_t now = t0; now < t0 + 150 * sec || (!all_answered() && now < t0 + 200 * sec);
        now = monotonic_now_us()) {
@@ -318,7 +269,7 @@ TEST(ParentLimitsTest, FloodsAndAStalledParentCostNoTallyLinkStackOrMemory) {
     tick(stalled, t0, now);
     tick(batches, t0, now);
     child_pump(5);
-    for (rig* r : {&loops.r, &stacked.r, &stalled.r, &batches.r}) client_take_output(r->backend);
+    for (rig* r : rigs) client_take_output(r->backend);
   }
   check(loops, "once a second");
   check(stacked, "every 0.4 s on a 256 KiB stack");
@@ -331,7 +282,6 @@ TEST(ParentLimitsTest, FloodsAndAStalledParentCostNoTallyLinkStackOrMemory) {
 // request after it is answered. Measured: at most 0.2 MiB, 1.6 MiB with the
 // sanitizers; a queue keeping every change grew 4 MiB more here.
 TEST(ParentLimitsTest, HugeFieldAndHalfAMillionAddsCostNoMemory) {
-  without_quarantine();
   struct Case {
     const char* name;
     std::size_t pieces;
@@ -354,12 +304,11 @@ TEST(ParentLimitsTest, HugeFieldAndHalfAMillionAddsCostNoMemory) {
        },
        500'000, ""},
   };
-  temp_dir dir;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     rig r;
     ASSERT_TRUE(client_start(r.backend, DAEMON_PATH,
-                             {"--file", dir.write("r.cfg", "inputs=64\noutputs=64\n")}));
+                             {"--file", r.dir.write("r.cfg", "inputs=64\noutputs=64\n")}));
     client_record info;
     ASSERT_TRUE(client_next_record(r.backend, 15000, info));
     const long peak = child_status_kib(r.backend.child, "VmHWM");
@@ -367,25 +316,24 @@ TEST(ParentLimitsTest, HugeFieldAndHalfAMillionAddsCostNoMemory) {
     std::size_t routed = 0;
     std::string next;  // the request after the input
     bool next_answered = false;
-    const us_time_t deadline = monotonic_now_us() + 300 * sec;
-    while (!next_answered && monotonic_now_us() < deadline) {
+    EXPECT_TRUE(child_wait([&] {
       while (fed < c.pieces && r.backend.child.to_write.size() < 65536) {
         client_send_text(r.backend, c.piece(fed++));
       }
       if (fed == c.pieces && next.empty()) {
         next = client_send(r.backend, client_report_request("inputs"));
       }
-      client_pump(r.backend, 10);
+      client_take_output(r.backend);
       // Half a million replies are counted, not kept.
       for (; !r.backend.records.empty(); r.backend.records.pop_front()) {
         const parent_message& m = r.backend.records.front().msg;
         routed += m.command == "route output" ? 1 : 0;
         next_answered = next_answered || (!next.empty() && m.id == next);
       }
-    }
-    EXPECT_TRUE(next_answered);
+      return next_answered;
+    }, 300000));
     EXPECT_EQ(c.replies, routed);
-    EXPECT_LT(child_status_kib(r.backend.child, "VmHWM") - peak, tight_growth_kib);
+    EXPECT_LT(child_status_kib(r.backend.child, "VmHWM") - peak, 3 * 1024);
     EXPECT_EQ(c.warning, diag_lines(r, "<WARN>"));
     child_close_input(r.backend.child);
     EXPECT_EQ(0, child_wait_exit(r.backend.child, 15000));

@@ -10,26 +10,20 @@
 #include <vector>
 
 #include "parent_client/client.h"
-#include "parent_client/temp_dir.h"
 
 class SystemTest : public testing::Test {
  protected:
   static constexpr int wait_ms = 15000;  // generous bound for anything that must happen
 
-  // Starts the emulator on an ephemeral port with the given extra options.
-  void StartEmulator(const std::vector<std::string>& extra = {}) {
-    std::vector<std::string> options{"--verbose"};
-    options.insert(options.end(), extra.begin(), extra.end());
-    port_ = client_start_emulator(emu_, emulator_path_, options, wait_ms);
+  void StartEmulator(std::vector<std::string> extra = {}) {
+    extra.insert(extra.begin(), "--verbose");
+    port_ = client_start_emulator(emu_, emulator_path_, extra, wait_ms);
     ASSERT_FALSE(port_.empty());
   }
 
-  // Starts the backend on config, which names the emulator once one runs;
-  // words go on the command line before "--file".
-  void StartBackend(std::string config = "", std::vector<std::string> words = {}) {
-    if (!port_.empty()) config += client_emulator_config(port_);
-    words.insert(words.end(), {"--file", dir_.write("r.cfg", config)});
-    ASSERT_TRUE(client_start(backend_, daemon_path_, words));
+  void StartBackend() {
+    const std::string cfg = dir_.write("r.cfg", client_emulator_config(port_));
+    ASSERT_TRUE(client_start(backend_, daemon_path_, {"--file", cfg}));
   }
 
   // Reads records until one holds needle; returns it, or "" at the deadline.
@@ -38,16 +32,6 @@ class SystemTest : public testing::Test {
       if (r.find(needle) != std::string::npos) return r;
     }
     return {};
-  }
-
-  // The emulator's "recv" lines up to and including the one holding last.
-  std::vector<std::string> ReceivedUntil(const std::string& last) {
-    std::vector<std::string> seen;
-    for (std::string line; !(line = wait_for_stderr(emu_, "recv ", wait_ms)).empty();) {
-      seen.push_back(line.substr(line.find("recv ") + 5, line.size() - line.find("recv ") - 6));
-      if (seen.back() == last) break;
-    }
-    return seen;
   }
 
   void Send(const std::string& record) { client_send_text(backend_, record); }
@@ -77,29 +61,23 @@ class SystemTest : public testing::Test {
     return client_next_record(c, timeout_ms, r) ? r.text : "";
   }
 
-  // Waits for a line of standard error holding text (a whole line when it
-  // ends in "\n") and returns it with its "\n", consuming it and the lines
-  // before; "" when none came.
-  static std::string wait_for_stderr(parent_client& c, const std::string& text, int timeout_ms = wait_ms) {
+  // Takes the diagnostic lines up to one holding text (a whole line when it
+  // ends in "\n") and returns that one with its "\n"; "" when none came.
+  static std::string wait_for_stderr(parent_client& c, const std::string& text) {
     client_diag line;
-    return client_wait_diag(c, text.substr(0, text.find('\n')), timeout_ms, line) ? line.text + "\n" : "";
-  }
-  static std::string wait_for_stderr(child_process& c, const std::string& text, int timeout_ms = wait_ms) {
-    const std::string seen = LinesUntil(c.err_buf, text, timeout_ms);
-    return seen.substr(seen.rfind('\n', seen.size() - 2) + 1);
+    return client_wait_diag(c, text.substr(0, text.find('\n')), wait_ms, line) ? line.text + "\n" : "";
   }
   // Takes the lines of buf, a child's output, up to and including the first
-  // that holds text, each with its "\n"; "" when none came within timeout_ms.
-  static std::string LinesUntil(std::string& buf, const std::string& text, int timeout_ms = wait_ms) {
+  // that holds text, each with its "\n"; "" when none came in time.
+  static std::string LinesUntil(std::string& buf, const std::string& text) {
     std::string seen;
-    const auto found = [&] {
+    return child_wait([&] {
       for (std::string line; child_take_line(buf, line);) {
         seen += line + "\n";
         if (line.find(text) != std::string::npos) return true;
       }
       return false;
-    };
-    return child_wait(found, timeout_ms) ? seen : "";
+    }, wait_ms) ? seen : "";
   }
 
   // The backend's exit status, or -1 when it did not exit within timeout_ms

@@ -10,22 +10,18 @@
 namespace {
 
 TEST(ParentClientTest, StopEndsInputFirstAndSignalsOnlyWhenThatFails) {
-  struct Case {
-    const char* script;
-    std::string end;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"cat >/dev/null", "exit status 0"},
       {"trap 'exit 3' TERM; while :; do sleep 0.05; done", "exit status 3"},
       {"trap '' TERM; exec </dev/null; while :; do sleep 0.05; done", "killed by signal 9 (Killed)"},
   };
-  for (const Case& k : cases) {
-    SCOPED_TRACE(k.script);
+  for (const auto& [script, end] : cases) {
+    SCOPED_TRACE(script);
     child_process c;
     c.end_of_input_ms = 300;
-    ASSERT_TRUE(child_start(c, "/bin/sh", {"sh", "-c", k.script}));
+    ASSERT_TRUE(child_start(c, "/bin/sh", {"sh", "-c", script}));
     child_stop(c);
-    EXPECT_EQ(k.end, child_describe_end(c));
+    EXPECT_EQ(end, child_describe_end(c));
   }
   child_process missing;
   EXPECT_FALSE(child_start(missing, "/nonexistent/program", {"program"}));
