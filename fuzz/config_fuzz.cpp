@@ -30,7 +30,6 @@
 
 namespace {
 
-constexpr std::uint64_t max_active_count = 256;
 const std::string metadir_suffix = ".tessikmeta.";
 
 int file_fd = -1;
@@ -67,7 +66,9 @@ void check_applied(const config_map& map) {
   recompute_active_counts(0, 0);
   const auto address = map.find("ip address");
   FUZZ_CHECK(router_address() == (address == map.end() ? std::string() : address->second));
-  FUZZ_CHECK(active_inputs() <= max_active_count && active_outputs() <= max_active_count);
+  const std::uint64_t limit = active_count_limit();
+  FUZZ_CHECK(limit >= 256 && limit <= 1024);
+  FUZZ_CHECK(active_inputs() <= limit && active_outputs() <= limit);
 
   // Applying the same values again changes nothing.
   clear_flags();

@@ -13,8 +13,10 @@ namespace {
 
 // Each fgets yields at most 4095 bytes; a longer line is read as several.
 constexpr int line_buffer_bytes = 4096;
-// No switcher position beyond this is ever used, whatever is configured.
-constexpr std::uint64_t max_active_count = 256;
+// The cap on the active counts unless "active limit" says otherwise, and the
+// most it may say: the tables hold 1024 positions above a base.
+constexpr std::uint64_t default_active_limit = 256;
+constexpr std::uint64_t largest_active_limit = 1024;
 // Inserted before the file name to form the metadir.
 constexpr const char* metadir_suffix = ".tessikmeta.";
 
@@ -27,6 +29,12 @@ struct settings {
   std::int32_t port = -1;            // below 1: the default port
   std::uint64_t active_in = 0;
   std::uint64_t active_out = 0;
+  // The optional keys (config.h).
+  bool status_adds_base = false;
+  status_level_setting status_level;
+  us_time_t handshake_resend_us = 100'000;
+  bool drop_while_down = false;
+  std::uint64_t active_limit = default_active_limit;
 };
 settings current;
 
@@ -79,7 +87,68 @@ void link_setting_changed() {
 
 std::uint64_t active_count(std::uint64_t configured, std::uint64_t reported) {
   const std::uint64_t n = configured != 0 ? configured : reported;
-  return n > max_active_count ? max_active_count : n;
+  return n > current.active_limit ? current.active_limit : n;
+}
+
+// An optional key's value less trailing blanks and the "\r" of a file with
+// CRLF line ends, so that such a file means what it shows.
+std::string optional_value(const std::string& value) {
+  return value.substr(0, value.find_last_not_of(" \t\r") + 1);
+}
+
+// A value made only of decimal digits, from low to high.
+bool number_within(const std::string& text, std::uint64_t low, std::uint64_t high,
+                   std::uint64_t& number) {
+  if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  number = std::strtoull(text.c_str(), nullptr, 10);
+  return number >= low && number <= high;
+}
+
+// One of two words: sets the flag to whether text is the second one.
+bool one_of(const std::string& text, const char* no, const char* yes, bool& flag) {
+  if (text != no && text != yes) return false;
+  flag = text == yes;
+  return true;
+}
+
+enum class optional_key { not_one, applied, refused };
+
+optional_key applied_if(bool ok) { return ok ? optional_key::applied : optional_key::refused; }
+
+// Applies key if it is one of the optional keys; refused when the value is not
+// one the key takes, with kept the setting's current value in the key's words.
+optional_key apply_optional_key(const std::string& key, const std::string& value, std::string& kept) {
+  std::uint64_t n = 0;
+  if (key == "status numbering") {
+    kept = current.status_adds_base ? "base" : "plus one";
+    return applied_if(one_of(value, "plus one", "base", current.status_adds_base));
+  }
+  if (key == "status level") {
+    kept = current.status_level.first ? "first" : std::to_string(current.status_level.number);
+    if (value != "first" && !number_within(value, 0, 31, n)) return optional_key::refused;
+    current.status_level = {value == "first", static_cast<std::uint32_t>(n)};
+    return optional_key::applied;
+  }
+  if (key == "handshake resend") {
+    kept = std::to_string(current.handshake_resend_us / 1000);
+    if (!number_within(value, 100, 5000, n)) return optional_key::refused;
+    current.handshake_resend_us = static_cast<us_time_t>(n) * 1000;
+    return optional_key::applied;
+  }
+  if (key == "flush while down") {
+    kept = current.drop_while_down ? "drop" : "keep";
+    return applied_if(one_of(value, "keep", "drop", current.drop_while_down));
+  }
+  if (key == "active limit") {
+    kept = std::to_string(current.active_limit);
+    if (!number_within(value, default_active_limit, largest_active_limit, n)) return optional_key::refused;
+    if (n != current.active_limit) raise_flag(process_flag::counts_changed);
+    current.active_limit = n;
+    return optional_key::applied;
+  }
+  return optional_key::not_one;
 }
 
 }  // namespace
@@ -114,6 +183,11 @@ void apply_config_key(const std::string& key, const std::string& value) {
     if (p == current.port) return;
     current.port = p;
     link_setting_changed();
+  } else {
+    std::string kept;
+    if (apply_optional_key(key, optional_value(value), kept) == optional_key::refused) {
+      diag("<WARN>Unknown value for \"%s\", keeping \"%s\"\n", key.c_str(), kept.c_str());
+    }
   }
 }
 
@@ -145,5 +219,10 @@ const std::string& router_address() { return current.address; }
 std::int32_t router_port() { return current.port; }
 std::uint64_t active_inputs() { return current.active_in; }
 std::uint64_t active_outputs() { return current.active_out; }
+bool status_query_adds_base() { return current.status_adds_base; }
+status_level_setting status_query_level() { return current.status_level; }
+us_time_t handshake_resend_us() { return current.handshake_resend_us; }
+bool drop_flushes_while_down() { return current.drop_while_down; }
+std::uint64_t active_count_limit() { return current.active_limit; }
 
 void reset_configuration() { current = settings{}; }

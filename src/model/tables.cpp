@@ -131,7 +131,7 @@ void update_dest_info(const std::vector<router_message>& response) {
     e.group_value = static_cast<std::uint32_t>(read_hex(rawmsg.parameters[i + 3]));
   });
   if (finish_names_update(outputs, process_flag::outputs_report_needed)) {
-    diag("<DBG>Outputs range from %u-%u\n", static_cast<unsigned>(outputs.base),
+    diag(outputs_range_line, static_cast<unsigned>(outputs.base),
          range_end(outputs));
   }
 }
@@ -185,7 +185,7 @@ void update_route_status(const std::vector<router_message>& response) {
 
 void accept_route_change(std::int32_t output, std::int32_t input) {
   diag("<DBG>Accepting route change output=%d input=%d\n", output, input);
-  // Active outputs never exceed 256, so the signed comparison is exact.
+  // Active outputs never exceed 1024, so the signed comparison is exact.
   if (output >= 0 && output < static_cast<std::int32_t>(active_outputs())) {
     accepted.push_back(route_change{input, output});
   }

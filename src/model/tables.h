@@ -11,6 +11,10 @@
 // The backend's model of the switcher: destinations, sources, levels, the
 // identity texts and the route changes the switcher reported.
 
+// The debug line that tells the destinations' numbers, first and last, each
+// time their table is rebuilt; the tools learn the output base from it.
+inline constexpr char outputs_range_line[] = "<DBG>Outputs range from %u-%u\n";
+
 struct router_entry {
   std::string name;
   std::uint32_t group_value = 0;

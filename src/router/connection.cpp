@@ -190,7 +190,7 @@ bool connection_sendmsg(router_message& msg) {
   // The frame is NUL-terminated text: what goes out is the bytes before the
   // first NUL.
   connection_queue_and_write(frame.data(), std::strlen(frame.data()));
-  diag("<DBG>Send to router: %s\n", frame.data());
+  diag(link_frame_sent, frame.data());
   return true;
 }
 

@@ -13,6 +13,12 @@ inline constexpr char link_connected[] = "<NOTE>Connection sucessful.\n";
 inline constexpr char link_connect_failed[] = "<ERR>Connection failed, %s\n";
 inline constexpr char link_cannot_connect[] = "<ERR>Failed to connect to router, %s\n";
 inline constexpr char link_closed[] = "<NOTE>Connection to router closed\n";
+// Every frame sent, and every message or NAK received, as debug lines ("%s"
+// takes the frame's text, control bytes included): the tools follow the
+// answers to takes by them.
+inline constexpr char link_frame_sent[] = "<DBG>Send to router: %s\n";
+inline constexpr char link_message_received[] = "<DBG>Router: MSG %s\n";
+inline constexpr char link_nak_received[] = "<DBG>Router: NAK %s\n";
 
 // Whether a diagnostic line (with or without its "\n") is the one text
 // writes: the same up to text's "%s" or line end.

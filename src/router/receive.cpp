@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/diag.h"
+#include "router/link_texts.h"
 #include "router/protocol.h"
 
 namespace {
@@ -37,7 +38,7 @@ void finish_message() {
 }
 
 void complete_nak() {
-  diag("<DBG>Router: NAK %s\n", incoming.raw.c_str());
+  diag(link_nak_received, incoming.raw.c_str());
   incoming.nakerr = leading_hex_value(incoming.raw);
   received.push_back(std::move(incoming));
 }
@@ -82,7 +83,7 @@ void split_parameters(router_message& msg) {
 
 // Verifies and decodes a body that arrived after SOH, then queues it.
 void complete_command() {
-  diag("<DBG>Router: MSG %s\n", incoming.raw.c_str());
+  diag(link_message_received, incoming.raw.c_str());
   if (!checksum_matches(incoming.raw)) return;
 
   // The header is protocol, sequence flag and two command letters, as far as

@@ -21,9 +21,6 @@
 
 namespace {
 
-// The whole output status loop runs under one deadline this far ahead.
-constexpr us_time_t output_status_timeout_us = 5'000'000;
-
 // Waits serving the parent right now, one inside the other's dispatch.
 int nested_waits = 0;
 // The ids of "report outputs" requests read inside a wait, oldest first.
@@ -86,7 +83,7 @@ void handle_route_request(const parent_message& request) {
 // Asks the switcher for the source of every active output, one at a time,
 // serving the parent between the queries.
 void run_output_status_loop() {
-  const us_time_t deadline = monotonic_now_us() + output_status_timeout_us;
+  const us_time_t deadline = monotonic_now_us() + route_status_budget_us();
   // The count is read again on every pass: a nested "set" may change it.
   for (std::uint64_t p = 0; p < active_outputs(); ++p) query_output_route(p, deadline);
 }

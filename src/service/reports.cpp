@@ -65,7 +65,7 @@ void send_info_report() {
 void send_routing_report() {
   if (accepted_route_changes_empty()) return;
   parent_message msg = make_report("outputs");
-  // Active outputs never exceed 256, so the signed comparison is exact.
+  // Active outputs never exceed 1024, so the signed comparison is exact.
   const auto outputs = static_cast<std::int32_t>(active_outputs());
   while (!accepted_route_changes_empty()) {
     const route_change c = take_accepted_route_change();

@@ -95,6 +95,13 @@ void flush_route_changes() {
     put_newest(q.send_queue, q.queued.front());
     q.queued.pop_front();
   }
+  // Kept, a flush made while the link is down goes out when it is back, however
+  // much later; a parent that cannot know when that will be may have it dropped.
+  if (drop_flushes_while_down() && !link_ready_for_batch() && !q.send_queue.empty()) {
+    diag("<WARN>Dropping %zu route changes flushed while the link is down\n", q.send_queue.size());
+    q.send_queue.clear();
+    return;
+  }
   send_route_changes();
 }
 

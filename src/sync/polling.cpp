@@ -22,7 +22,6 @@ us_time_t next_poll = 0;  // 0: no status request scheduled
 constexpr us_time_t poll_interval_us = 350000;
 constexpr us_time_t flags_deadline_us = 2000000;   // "BK" "F" and "QD"
 constexpr us_time_t reread_deadline_us = 3000000;  // names re-reads and "BK" "f"
-constexpr us_time_t route_budget_us = 5000000;     // all "QI" of one request
 
 using table_update = void (*)(const std::vector<router_message>&);
 
@@ -72,7 +71,7 @@ bool mark_changed_outputs(const std::vector<router_message>& response,
 
 // Re-reads the route of every changed output under one budget.
 void query_changed_routes(const std::vector<bool>& changed) {
-  const us_time_t budget = monotonic_now_us() + route_budget_us;
+  const us_time_t budget = monotonic_now_us() + route_status_budget_us();
   for (std::uint64_t i = 0;
        i < active_outputs() && i < router_output_count() && i < changed.size(); ++i) {
     if (changed[i]) query_output_route(i, budget);

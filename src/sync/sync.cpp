@@ -20,9 +20,7 @@
 namespace {
 
 constexpr us_time_t handshake_limit_us = 5000000;
-constexpr us_time_t handshake_resend_us = 100000;
 constexpr us_time_t query_deadline_us = 3000000;
-constexpr us_time_t route_budget_us = 5000000;
 constexpr us_time_t first_poll_delay_us = 350000;
 
 // A query step of the sequence with a deadline of its own. True when a
@@ -34,7 +32,7 @@ bool sync_query(std::vector<router_message>& response, const char* request,
 }
 
 // Sends a bare "BK" until the switcher answers with a message, resending every
-// 100 ms for at most 5 s. On success the answer is in answer; on failure the
+// 100 ms ("handshake resend") for at most 5 s. On success the answer is in answer; on failure the
 // connection has been closed.
 bool handshake(router_message& answer) {
   const us_time_t limit = monotonic_now_us() + handshake_limit_us;
@@ -52,7 +50,7 @@ bool handshake(router_message& answer) {
       connection_close();
       return false;
     }
-    const us_time_t resend_at = std::min(monotonic_now_us() + handshake_resend_us, limit);
+    const us_time_t resend_at = std::min(monotonic_now_us() + handshake_resend_us(), limit);
     while (monotonic_now_us() < resend_at) {
       serve_parent_once();
       connection_poll();
@@ -129,7 +127,7 @@ bool setup_and_names(std::vector<router_message>& response) {
 
 // Asks for the route of every active output under one budget.
 void query_all_routes() {
-  const us_time_t budget = monotonic_now_us() + route_budget_us;
+  const us_time_t budget = monotonic_now_us() + route_status_budget_us();
   for (std::uint64_t i = 0; i < active_outputs(); ++i) query_output_route(i, budget);
 }
 

@@ -91,6 +91,25 @@ TEST_F(ConfigTest, ActiveCountsAreCapped) {
   EXPECT_EQ(5u, active_outputs());
 }
 
+// Each optional key takes its values, less trailing blanks and a CRLF file's
+// "\r", or keeps its setting and says so in one line.
+TEST_F(ConfigTest, OptionalKeysTakeTheirValuesOrSayWhatTheyKeep) {
+  const std::tuple<const char*, const char*, const char*> cases[] = {  // key, value, kept
+      {"status numbering", "base \r", nullptr}, {"status numbering", "Base", "base"},
+      {"status level", "first", nullptr},        {"status level", "32", "first"},
+      {"handshake resend", "99", "100"},         {"flush while down", "drop", nullptr},
+      {"active limit", "1025", "256"},           {"active limit", "300", nullptr},
+  };
+  for (const auto& [key, value, kept] : cases) {
+    const std::string line =
+        kept ? std::string("<WARN>Unknown value for \"") + key + "\", keeping \"" + kept + "\"\n" : "";
+    EXPECT_EQ(line, stderr_of([&] { apply_config_key(key, value); })) << key << "=" << value;
+  }
+  EXPECT_TRUE(status_query_adds_base() && status_query_level().first && drop_flushes_while_down());
+  apply_config_key("outputs", "2000");
+  EXPECT_EQ("<DBG>Changing number of outputs to 300\n", stderr_of([] { recompute_active_counts(0, 0); }));
+}
+
 TEST_F(ConfigTest, DerivesMetadir) {
   const std::pair<const char*, const char*> cases[] = {
       {"r.cfg", ".tessikmeta.r.cfg"},
