@@ -20,12 +20,17 @@ TEST(SwitcherEmulatorTest, AnswersEachRequestForm) {
       {"QD", {}, "ER|00|QD"},
       {"QI", {"a", "1"}, "IQ|A|1|0|0|A"},
       {"TI", {"10", "1"}, "ER|00|TI"},
+      {"UP", {"3"}, "ER|00|UP"},
       // Error paths follow: a request the emulator cannot carry out.
       {"QI", {"11", "0"}, "ER|03|QI"},
       {"ZZ", {}, "ER|01|ZZ"},
+      {"TI", {"2", "1"}, "ER|04|TI"},  // 2 is protected by another controller
+      {"PR", {"2"}, "ER|04|PR"},
+      {"QI", {"2", "0"}, "IQ|2|0|0|1|2"},
   };
   for (const auto& [letters, params, answer] : cases) {
     emulator_config cfg;
+    cfg.protected_outputs = {2};
     emulator_state st;
     std::string error;
     ASSERT_TRUE(emulator_init(cfg, st, error)) << error;

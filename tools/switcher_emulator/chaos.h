@@ -31,6 +31,7 @@ struct emulator_faults {
   bool ack_only = false;             // answer every frame with a bare ACK, do nothing
   std::uint32_t delay_ms = 0;        // hold every answer back this long
   std::uint32_t delay_jitter_ms = 0; // plus 0 to this many ms more
+  std::uint32_t handshake_delay_ms = 0;  // and the answer to a bare "BK" this much more
   bool split_writes = false;         // one byte per write
   std::uint32_t garbage = 0;         // 1 to N stray bytes before every frame; 0: none
   std::uint32_t corrupt_random = 0;  // wrong checksum with a 1-in-N chance; 0: never

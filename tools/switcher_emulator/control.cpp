@@ -69,6 +69,12 @@ void control_line(const emulator_config& cfg, emulator_state& st, const std::str
     } else if (!emulator_rename(cfg, st, which == "output", a, rest)) {
       error = "no such destination or source, or a bad name";
     }
+  } else if (cmd == "protect" || cmd == "unprotect") {
+    if (!parse_decimal(next_word(rest), UINT32_MAX, a) || !rest.empty()) {
+      error = cmd == "protect" ? "usage: protect DEST" : "usage: unprotect DEST";
+    } else if (!emulator_protect_output(cfg, st, a, cmd == "protect")) {
+      error = "no such destination";
+    }
   } else if (cmd == "routes" && rest.empty()) {
     list_routes(cfg, st, out);
   } else if (cmd == "flags" && rest.empty()) {

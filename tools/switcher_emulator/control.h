@@ -10,6 +10,8 @@
 // decimal switcher numbers:
 //   take DEST SOURCE            route SOURCE to DEST, as a "TI" would
 //   rename output|input N NAME  NAME is the rest of the line
+//   protect DEST                protect DEST as another controller would
+//   unprotect DEST              lift any protection of DEST
 //   routes                      one "route DEST SOURCE" line per destination
 //   flags                       "flags HEX", the change flags
 //   quit                        stop the emulator

@@ -11,6 +11,7 @@ constexpr const char* er_success = "00";
 constexpr const char* er_unknown = "01";    // command or query not understood
 constexpr const char* er_bad_param = "02";  // parameter missing or not a number
 constexpr const char* er_range = "03";      // number names nothing on this switcher
+constexpr const char* er_protected = "04";  // destination protected by another controller
 
 // Lists are cut into messages whose frames stay within
 // max_frame_before_checksum, which encode_router_frame accepts.
@@ -162,9 +163,40 @@ std::vector<router_message> answer_qi(const emulator_config& cfg, const emulator
   if (dest < cfg.output_base || dest - cfg.output_base >= cfg.outputs || !known_level) {
     return {error_reply(er_range, req)};
   }
-  // Destination, level, lock and protect flags (never set here), source.
-  const std::uint64_t src = cfg.input_base + st.routes[dest - cfg.output_base];
-  return {reply("IQ", {hex_parameter(dest), hex_parameter(level), "0", "0", hex_parameter(src)})};
+  // Destination, level, lock flag (never set here), protect flag, source.
+  const std::size_t d = dest - cfg.output_base;
+  const char* protect = st.protect[d] == emulator_protect::none ? "0" : "1";
+  const std::uint64_t src = cfg.input_base + st.routes[d];
+  return {reply("IQ", {hex_parameter(dest), hex_parameter(level), "0", protect, hex_parameter(src)})};
+}
+
+// The destination a request names in its first parameter, by position; false
+// with the error reply in answer when it names none.
+bool named_output(const emulator_config& cfg, const emulator_state& st, const router_message& req,
+                  std::size_t& position, router_message& answer) {
+  std::uint64_t dest = 0;
+  if (req.parameters.empty() || !parse_hex(req.parameters[0], dest)) {
+    answer = error_reply(er_bad_param, req);
+    return false;
+  }
+  if (dest < cfg.output_base || dest - cfg.output_base >= st.routes.size()) {
+    answer = error_reply(er_range, req);
+    return false;
+  }
+  position = dest - cfg.output_base;
+  return true;
+}
+
+// "PR" and "UP": the client protects a destination, or lifts its own
+// protection; one held by another controller refuses both.
+std::vector<router_message> answer_protect(const emulator_config& cfg, emulator_state& st,
+                                           const router_message& req, bool on) {
+  std::size_t d = 0;
+  router_message answer;
+  if (!named_output(cfg, st, req, d, answer)) return {answer};
+  if (st.protect[d] == emulator_protect::other_controller) return {error_reply(er_protected, req)};
+  st.protect[d] = on ? emulator_protect::client : emulator_protect::none;
+  return {reply("ER", {er_success, echoed_letters(req)})};
 }
 
 std::vector<router_message> answer_ti(const emulator_config& cfg, emulator_state& st,
@@ -174,6 +206,12 @@ std::vector<router_message> answer_ti(const emulator_config& cfg, emulator_state
   if (req.parameters.size() < 2 || !parse_hex(req.parameters[0], dest) ||
       !parse_hex(req.parameters[1], src)) {
     return {error_reply(er_bad_param, req)};
+  }
+  std::size_t d = 0;
+  router_message out_of_range;
+  if (named_output(cfg, st, req, d, out_of_range) &&
+      st.protect[d] == emulator_protect::other_controller) {
+    return {error_reply(er_protected, req)};
   }
   if (!emulator_take(cfg, st, dest, src)) return {error_reply(er_range, req)};
   return {reply("ER", {er_success, "TI"})};
@@ -256,6 +294,20 @@ bool emulator_init(const emulator_config& cfg, emulator_state& st, std::string& 
   }
   // The initial table is what the switcher starts with, not a change.
   st.changed.assign(cfg.outputs, false);
+  st.protect.assign(cfg.outputs, emulator_protect::none);
+  for (const std::uint32_t dest : cfg.protected_outputs) {
+    if (!emulator_protect_output(cfg, st, dest, true)) {
+      error = "no destination " + std::to_string(dest) + " to protect";
+      return false;
+    }
+  }
+  return true;
+}
+
+bool emulator_protect_output(const emulator_config& cfg, emulator_state& st, std::uint64_t dest,
+                             bool on) {
+  if (dest < cfg.output_base || dest - cfg.output_base >= st.protect.size()) return false;
+  st.protect[dest - cfg.output_base] = on ? emulator_protect::other_controller : emulator_protect::none;
   return true;
 }
 
@@ -296,5 +348,7 @@ std::vector<router_message> emulator_answer(const emulator_config& cfg, emulator
   if (router_request_is(req, "QD")) return answer_qd(cfg, st);
   if (router_request_is(req, "QI")) return answer_qi(cfg, st, req);
   if (router_request_is(req, "TI")) return answer_ti(cfg, st, req);
+  if (router_request_is(req, "PR")) return answer_protect(cfg, st, req, true);
+  if (router_request_is(req, "UP")) return answer_protect(cfg, st, req, false);
   return {error_reply(er_unknown, req)};
 }

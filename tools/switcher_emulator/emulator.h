@@ -31,7 +31,12 @@ struct emulator_config {
   std::string firmware_type = "EMU";
   std::string firmware_revision = "1.0";
   std::vector<std::pair<std::uint32_t, std::uint32_t>> routes;  // (destination, source)
+  std::vector<std::uint32_t> protected_outputs;  // destinations another controller protects
 };
+
+// Who protects a destination: a protected destination takes no route from
+// anyone but its protector.
+enum class emulator_protect : std::uint8_t { none, other_controller, client };
 
 // What the switcher currently holds; positions count from 0.
 struct emulator_state {
@@ -40,6 +45,7 @@ struct emulator_state {
   std::vector<std::uint32_t> routes;  // source position of each destination
   std::vector<bool> changed;          // destinations not yet reported by "QD"
   std::uint32_t change_flags = 0;     // returned by "BK" "F", cleared by "BK" "f"
+  std::vector<emulator_protect> protect;  // of each destination
 };
 
 // True when name can travel as a parameter: 1 to emulator_max_name printable
@@ -63,6 +69,11 @@ struct emulator_state {
 // when the number is out of range or the name is not valid.
 [[nodiscard]] bool emulator_rename(const emulator_config& cfg, emulator_state& st, bool output,
                                    std::uint64_t number, const std::string& name);
+
+// Protects destination number dest as another controller would (on), or lifts
+// its protection (off). False, changing nothing, when dest is out of range.
+[[nodiscard]] bool emulator_protect_output(const emulator_config& cfg, emulator_state& st,
+                                           std::uint64_t dest, bool on);
 
 // The messages the switcher sends in answer to req, in order; never empty.
 // REQUIRES: st was set up by emulator_init with the same cfg.

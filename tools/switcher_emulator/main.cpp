@@ -31,6 +31,7 @@ constexpr const char* usage_text =
     "  --levels NAME:N,...      levels (Video:0,Audio:1)\n"
     "  --model TEXT  --firmware-type TEXT  --firmware-revision TEXT\n"
     "  --routes DEST:SOURCE,... initial routes (destination i from source i)\n"
+    "  --protect DEST,...       destinations protected by another controller\n"
     "  --rename-after MS        rename the first destination and source MS ms\n"
     "                           after the first client connected\n"
     "  --verbose                log every frame and event on stderr\n"
@@ -40,8 +41,8 @@ constexpr const char* usage_text =
     "                           naming this address and port into FILE\n"
     "faults (random ones drawn from --seed N, default 1):\n"
     "  --close-after N  --close-random N  --silent-after N  --ack-only\n"
-    "  --delay MS  --delay-jitter MS  --split-writes  --garbage N\n"
-    "  --corrupt-random N  --refuse-for MS\n"
+    "  --delay MS  --delay-jitter MS  --handshake-delay MS  --split-writes\n"
+    "  --garbage N  --corrupt-random N  --refuse-for MS\n"
     "  --chaos                  faults at random, one kind per time slice\n"
     "  --chaos-slice MS         mean length of a chaos slice (3000)\n";
 
@@ -107,6 +108,20 @@ bool parse_routes(const std::string& list, emulator_config& cfg) {
   return true;
 }
 
+bool parse_protect(const std::string& list, emulator_config& cfg) {
+  for (std::size_t start = 0; start <= list.size();) {
+    std::size_t end = list.find(',', start);
+    if (end == std::string::npos) end = list.size();
+    std::uint64_t d = 0;
+    if (!parse_decimal(list.substr(start, end - start), UINT32_MAX, d)) {
+      return fail("--protect wants decimal destination numbers, DEST,...");
+    }
+    cfg.protected_outputs.push_back(static_cast<std::uint32_t>(d));
+    start = end + 1;
+  }
+  return true;
+}
+
 // One option with its value; false, with a line on standard error, on a bad value.
 bool apply_option(const std::string& opt, const std::string& v, emulator_server& s) {
   emulator_config& c = s.cfg;
@@ -127,6 +142,7 @@ bool apply_option(const std::string& opt, const std::string& v, emulator_server&
       {"--close-random", 1, UINT32_MAX, &f.close_random},
       {"--delay", 0, 600000, &f.delay_ms},
       {"--delay-jitter", 0, 600000, &f.delay_jitter_ms},
+      {"--handshake-delay", 0, 600000, &f.handshake_delay_ms},
       {"--garbage", 1, 4096, &f.garbage},
       {"--corrupt-random", 1, UINT32_MAX, &f.corrupt_random},
       {"--refuse-for", 0, 3600000, &f.refuse_ms},
@@ -157,6 +173,7 @@ bool apply_option(const std::string& opt, const std::string& v, emulator_server&
   else if (opt == "--input-names") return read_names(v, c.input_names);
   else if (opt == "--levels") return parse_levels(v, c);
   else if (opt == "--routes") return parse_routes(v, c);
+  else if (opt == "--protect") return parse_protect(v, c);
   else if (opt == "--pcap") o.pcap_path = v;
   else if (opt == "--backend-config") o.backend_config_path = v;
   return true;
@@ -165,10 +182,10 @@ bool apply_option(const std::string& opt, const std::string& v, emulator_server&
 // The options that take a value, which is the next word.
 constexpr const char* value_options[] = {
     "--port", "--outputs", "--inputs", "--output-base", "--input-base", "--close-after",
-    "--close-random", "--delay", "--delay-jitter", "--garbage", "--corrupt-random",
+    "--close-random", "--delay", "--delay-jitter", "--handshake-delay", "--garbage", "--corrupt-random",
     "--refuse-for", "--chaos-slice", "--seed", "--silent-after", "--rename-after", "--bind",
     "--model", "--firmware-type", "--firmware-revision", "--output-names", "--input-names",
-    "--levels", "--routes", "--pcap", "--backend-config"};
+    "--levels", "--routes", "--protect", "--pcap", "--backend-config"};
 
 bool takes_value(const std::string& opt) {
   for (const char* v : value_options) {

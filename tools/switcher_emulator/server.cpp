@@ -102,7 +102,10 @@ void handle_frame(emulator_server& s, const router_message& req, us_time_t now) 
     queue_frame(s, ack, now);
     return;
   }
-  for (const router_message& m : emulator_answer(s.cfg, s.sw, req)) queue_frame(s, m, now);
+  // A switcher slow to answer the handshake; the answers after it keep their order.
+  const bool handshake = router_request_is(req, "BK") && req.parameters.empty();
+  const us_time_t from = now + (handshake ? f.handshake_delay_ms * 1000ULL : 0);
+  for (const router_message& m : emulator_answer(s.cfg, s.sw, req)) queue_frame(s, m, from);
 }
 
 void read_client(emulator_server& s, us_time_t now) {
