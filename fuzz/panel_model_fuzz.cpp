@@ -2,7 +2,8 @@
 // diagnostic lines of any bytes, with takes, locks, dismissals and the clock
 // in between, as the panel's loop and its web server drive it.
 //
-// The input is cut into lines. A line starting with '<' is a diagnostic line;
+// The input is cut into lines. A line starting with '<' is a diagnostic line,
+// which the parent client also reads for takes the switcher refused;
 // any other line is a line of a report record, which an empty line ends. A
 // line starting with 0x01 is a request instead: its next bytes choose what
 // (take, lock, dismiss, expire, state, end) and its positions.
@@ -20,6 +21,7 @@
 
 #include "fuzz_support.h"
 #include "panel/model.h"
+#include "parent_client/client.h"
 
 namespace {
 
@@ -88,6 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   panel_model m;
   m.tables = &tables;
   parent_message record;
+  parent_client client;  // no child: only its reading of diagnostic lines
   us_time_t now = 1;
   std::size_t start = 0;
   while (start <= input.size()) {
@@ -99,6 +102,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       request(m, line, now);
     } else if (!line.empty() && line[0] == '<') {
       check_events(model_read_diag(m, line));
+      client.child.err_buf = line + "\n";
+      client_take_output(client);
+      for (; !client.refused.empty(); client.refused.pop_front()) {
+        check_events(model_take_refused(m, client.refused.front().output, client.refused.front().code));
+      }
     } else if (line.empty()) {
       std::vector<route_seen> changes;
       tables_apply(tables, record, changes);

@@ -98,6 +98,8 @@ TEST_F(ConsoleTest, ScriptsSayWhatHappenedAndEndWithTheirStatus) {
       {{"--emulator"}, "wait\nreport inputs\n",
        "inputs: no report follows; the latest has 16 names (show inputs)", 0},
       // Error paths follow.
+      {{"--emulator", "--protect", "3"}, "wait\ntake 2 0\n",
+       "error: take o2 OUT 3 refused by the switcher (code 04)", 1},
       {{"--emulator"}, "raw\n*TYPE=message\n*COMMAND=ping\n*ID=m1\n\n",
        "error: raw record (id m1): Message ping ignored", 1},
       // Asked to, the emulator stops without news; stopped otherwise, it ends

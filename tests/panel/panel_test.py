@@ -158,7 +158,7 @@ def wait_link(d, link):
 class PanelTest(PanelCase):
     """The switcher answers 80 ms late (under the handshake's 100 ms resend), so
     a take stays pending long enough to be seen."""
-    emulator_options = ("--outputs", "8", "--inputs", "8", "--delay", "80")
+    emulator_options = ("--outputs", "8", "--inputs", "8", "--delay", "80", "--protect", "8")
 
     def test_names_cursor_salvo_and_locks_in_two_browsers(self):
         first = self.open()
@@ -212,6 +212,12 @@ class PanelTest(PanelCase):
             click(first, '.lock[data-o="6"]')
             until(lambda: first.find_elements(By.CSS_SELECTOR, '.lock.on[data-o="6"]'), what="lock")
             first.save_screenshot(os.environ["PANEL_SCREENSHOT"])
+        start = time.time()  # a take the switcher refuses (OUT 8 is protected) is marked so at once
+        click_cell(first, 7, 3)
+        first.find_element(By.ID, "take").click()
+        until(lambda: "OUT 8 (7) \u2190 CAM 4 (3): refused by the switcher (code 04)"
+              in first.find_element(By.ID, "unconfirmed").text, what="the refusal")
+        print("take refused, shown after %.3f s" % (time.time() - start))
 
 
 class OddNamesPanelTest(PanelCase):

@@ -38,6 +38,7 @@ std::string emulator_answer;   // the last "ok" or "error ..." of its controls
 std::map<std::string, int> reports_seen;  // reports shown, by kind
 int route_changes_seen = 0;    // routing reports that changed a route
 std::set<long> unnamed_routes;  // outputs routed before the names were known
+std::set<long> refused_outputs;  // takes the switcher refused since the last wait for routes
 
 constexpr int step_ms = 50;
 
@@ -200,21 +201,26 @@ bool console_wait_routes(const std::map<long, long>& expected, int timeout_ms) {
     const auto route = t.routes.find(output);
     return route != t.routes.end() && route->second == input;
   };
+  // A take the switcher refused is not waited for: its error is shown.
+  const auto settled = [&routed](long output, long input) {
+    return refused_outputs.count(output) != 0 || routed(output, input);
+  };
   const int changes = route_changes_seen;
   const bool done = wait_showing(
       [&] {
         session_show();
         if (expected.empty()) return route_changes_seen > changes;
         return std::all_of(expected.begin(), expected.end(),
-                           [&](const auto& e) { return routed(e.first, e.second); });
+                           [&](const auto& e) { return settled(e.first, e.second); });
       },
       timeout_ms);
   for (const auto& [output, input] : expected) {
-    if (done || routed(output, input)) continue;
+    if (done || settled(output, input)) continue;
     const auto route = t.routes.find(output);
     terminal_print("  wanted " + view_route(t, output, input) + "; the switcher reports " +
                    (route == t.routes.end() ? "no route" : view_route(t, output, route->second)));
   }
+  refused_outputs.clear();
   return done;
 }
 
@@ -272,6 +278,10 @@ void session_show() {
   for (; !backend.diags.empty(); backend.diags.pop_front()) {
     const client_diag& d = backend.diags.front();
     if (d.level <= shown_level) terminal_print("backend: " + d.text);
+  }
+  for (; !backend.refused.empty(); backend.refused.pop_front()) {
+    refused_outputs.insert(backend.refused.front().output);
+    console_error("take " + view_refused(backend.tables, backend.refused.front()));
   }
   (void)show_records("", nullptr);
   std::string line;

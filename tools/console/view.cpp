@@ -48,6 +48,12 @@ std::string view_route(const report_tables& t, long output, long input) {
          (input == tables_no_input ? "none" : labelled(t, false, input));
 }
 
+std::string view_refused(const report_tables& t, const refused_take& r) {
+  const std::string code = r.code.rfind("NAK", 0) == 0 ? r.code : "code " + r.code;
+  return (r.output < 0 ? std::string("a take") : labelled(t, true, r.output)) +
+         " refused by the switcher (" + code + ")";
+}
+
 std::vector<std::string> view_routes(const report_tables& t) {
   std::vector<long> outputs;
   const long count = tables_count(t, "outputs");

@@ -12,6 +12,9 @@
 // left out.
 [[nodiscard]] std::string view_route(const report_tables& t, long output, long input);
 
+// "o4 Studio A refused by the switcher (code 04)", or "(NAK 0002)".
+[[nodiscard]] std::string view_refused(const report_tables& t, const refused_take& r);
+
 // "show routes": every output below the active count (or every output a
 // report routed, before an info report) with its input; "--" where no
 // routing report told.

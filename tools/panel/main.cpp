@@ -85,6 +85,9 @@ void read_backend() {
     }
     add(model_read_diag(model, d.text));
   }
+  for (; !backend.refused.empty(); backend.refused.pop_front()) {
+    add(model_take_refused(model, backend.refused.front().output, backend.refused.front().code));
+  }
   for (; !backend.records.empty(); backend.records.pop_front()) {
     const client_record& r = backend.records.front();
     const parent_message& m = r.msg;

@@ -65,7 +65,8 @@ json pending(const panel_model& m) {
   json all = json::object();
   for (const auto& [output, p] : m.pending) {
     all[std::to_string(output)] = {
-        {"input", p.input}, {"by", panel_text(p.by)}, {"unconfirmed", p.unconfirmed}};
+        {"input", p.input}, {"by", panel_text(p.by)}, {"unconfirmed", p.unconfirmed},
+        {"refused", panel_text(p.refused)}};
   }
   return all;
 }
@@ -253,7 +254,7 @@ panel_refusal model_check_salvo(const panel_model& m, const std::map<long, long>
 
 panel_events model_takes_sent(panel_model& m, const std::map<long, long>& takes,
                               const std::string& by, us_time_t now) {
-  for (const auto& [output, input] : takes) m.pending[output] = {input, by, now, false};
+  for (const auto& [output, input] : takes) m.pending[output] = {input, by, now, false, ""};
   return {pending_event(m)};
 }
 
@@ -265,6 +266,14 @@ panel_events model_set_lock(panel_model& m, long output, bool locked) {
   if (locked) m.locks.insert(output);
   else m.locks.erase(output);
   return {{dump({{"t", "locks"}, {"locks", m.locks}})}};
+}
+
+panel_events model_take_refused(panel_model& m, long output, const std::string& code) {
+  const auto it = m.pending.find(output);
+  if (it == m.pending.end()) return {};
+  it->second.unconfirmed = true;
+  it->second.refused = code;
+  return {pending_event(m)};
 }
 
 std::string model_dismiss(panel_model& m, long output, panel_events& events) {

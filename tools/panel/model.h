@@ -29,7 +29,8 @@ struct panel_pending {
   long input = 0;
   std::string by;            // the browser that took it
   us_time_t since = 0;
-  bool unconfirmed = false;  // not confirmed within panel_confirm_us
+  bool unconfirmed = false;  // not confirmed within panel_confirm_us, or refused
+  std::string refused;       // the switcher's code when it refused the take
 };
 
 struct panel_diag {
@@ -98,6 +99,10 @@ struct panel_refusal {
 // The reason a lock cannot change, or "", and the change.
 [[nodiscard]] std::string model_check_lock(const panel_model& m, long output);
 [[nodiscard]] panel_events model_set_lock(panel_model& m, long output, bool locked);
+
+// The switcher refused the take sent for output, with code: marked at once,
+// kept like an unconfirmed one until dismissed or the output is reported.
+[[nodiscard]] panel_events model_take_refused(panel_model& m, long output, const std::string& code);
 
 // Clears the mark of a take the switcher did not confirm; "" or the reason.
 [[nodiscard]] std::string model_dismiss(panel_model& m, long output, panel_events& events);

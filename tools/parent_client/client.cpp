@@ -1,6 +1,11 @@
 #include "parent_client/client.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "model/tables.h"
+#include "router/link_texts.h"
 
 namespace {
 
@@ -33,6 +38,68 @@ void take_output_line(parent_client& c, const std::string& line, us_time_t now) 
   parent_message_clear(c.partial);
 }
 
+constexpr std::size_t max_refused_kept = 1024;
+
+// The text after a line format's fixed start (up to its first conversion),
+// or false when line does not start so.
+bool after_fixed_start(const std::string& line, const char* format, std::string& rest) {
+  const std::string fixed(format, std::string(format).find('%'));
+  if (line.compare(0, fixed.size(), fixed) != 0) return false;
+  rest = line.substr(fixed.size());
+  return true;
+}
+
+// The TAB-separated fields of a message's text.
+std::vector<std::string> fields_of(const std::string& text) {
+  std::vector<std::string> fields;
+  for (std::size_t at = 0;;) {
+    const std::size_t tab = text.find('\t', at);
+    fields.push_back(text.substr(at, tab - at));
+    if (tab == std::string::npos) return fields;
+    at = tab + 1;
+  }
+}
+
+// Follows takes through the frames' debug lines: a "TI" sent, then its answer.
+// Frames go one exchange at a time, so the answer after a "TI" is its own.
+void follow_takes(parent_client& c, const std::string& line) {
+  std::string text;
+  if (after_fixed_start(line, outputs_range_line, text)) {
+    c.output_base = std::strtoll(text.c_str(), nullptr, 10);
+    return;
+  }
+  if (after_fixed_start(line, link_frame_sent, text)) {
+    // SOH, then protocol letter, sequence flag and the command's letters.
+    const std::vector<std::string> f = fields_of(text);
+    const bool take = f.size() >= 2 && f[0].size() == 5 && f[0].compare(3, 2, "TI") == 0;
+    c.take_awaiting_answer = take ? std::strtoll(f[1].c_str(), nullptr, 16) : -1;
+    return;
+  }
+  if (c.take_awaiting_answer < 0) return;
+  std::string refusal;
+  if (after_fixed_start(line, link_nak_received, text)) {
+    refusal = "NAK " + text;
+  } else if (after_fixed_start(line, link_message_received, text)) {
+    // The error reply that answers a take: its code, then "TI" and the
+    // checksum. Any other message is not the answer.
+    const std::vector<std::string> f = fields_of(text);
+    if (f.size() < 3 || f[0].size() < 4 || f[0].compare(2, 2, "ER") != 0 ||
+        f[2].compare(0, 2, "TI") != 0) {
+      return;
+    }
+    if (f[1] != "00") refusal = f[1];
+  } else {
+    return;
+  }
+  const std::int64_t output = c.take_awaiting_answer - c.output_base;
+  if (!refusal.empty()) {
+    c.refused.push_back({c.output_base >= 0 && output >= 0 ? static_cast<long>(output) : -1, refusal});
+    // Kept for a reader that takes them; one that never does holds the newest.
+    if (c.refused.size() > max_refused_kept) c.refused.pop_front();
+  }
+  c.take_awaiting_answer = -1;
+}
+
 }  // namespace
 
 bool client_start(parent_client& c, const std::string& path, const std::vector<std::string>& args,
@@ -48,6 +115,7 @@ void client_take_output(parent_client& c) {
   std::string line;
   while (child_take_line(c.child.out_buf, line)) take_output_line(c, line, now);
   while (child_take_line(c.child.err_buf, line)) {
+    follow_takes(c, line);
     c.diags.push_back({client_diag_level(line), line, now});
   }
 }

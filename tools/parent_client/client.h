@@ -35,10 +35,22 @@ struct client_record {
   std::vector<route_seen> changes;  // routes a routing report changed
 };
 
+// A take the switcher refused: the answer to its "TI" was an error reply or a
+// NAK, as the backend's debug lines of each frame show.
+struct refused_take {
+  long output = -1;  // its position; -1 when its number is below the output base
+  std::string code;  // the error reply's code ("04"), or "NAK" and the NAK's
+};
+
 struct parent_client {
   child_process child;
   std::deque<client_record> records;  // read and not yet taken, oldest first
   std::deque<client_diag> diags;      // read and not yet taken, oldest first
+  std::deque<refused_take> refused;   // seen and not yet taken, oldest first
+  // What the debug lines told so far: the first destination's number, and
+  // the destination of a "TI" sent and not yet answered.
+  std::int64_t output_base = -1;
+  std::int64_t take_awaiting_answer = -1;
   report_tables tables;               // kept up to date as records are read
   std::uint64_t next_id = 1;          // the number in the next fresh "*ID"
   std::string partial_text;           // lines of the record being read
