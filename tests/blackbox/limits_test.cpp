@@ -279,8 +279,7 @@ TEST(ParentLimitsTest, FloodsAndAStalledParentCostNoTallyLinkStackOrMemory) {
 
 // Input far beyond any request, fed as fast as the backend reads it, with
 // no switcher: the resident memory grows by less than 3 MiB, and the
-// request after it is answered. Measured: at most 0.2 MiB, 1.6 MiB with the
-// sanitizers; a queue keeping every change grew 4 MiB more here.
+// request after it is answered; doc/limits.md has what it measured.
 TEST(ParentLimitsTest, HugeFieldAndHalfAMillionAddsCostNoMemory) {
   struct Case {
     const char* name;

@@ -21,13 +21,13 @@ class SwitcherTraitTest : public SystemTest,
     (void)client_send(backend_, client_route_request("add", input, output));
     Ask(client_route_request("flush"));
   }
-  // The outputs whose route the backend reported, after asking for them all.
+  // The routes the backend reported, "output=input ", after asking for them all.
   std::string Routed() {
     Ask(client_report_request("outputs"));
     Ask(client_report_request("inputs"));
-    std::string out;
-    for (const auto& route : backend_.tables.routes) out += std::to_string(route.first) + " ";
-    return out;
+    std::string s;
+    for (const auto& [o, i] : backend_.tables.routes) s += std::to_string(o) + '=' + std::to_string(i) + ' ';
+    return s;
   }
   // The takes the switcher received, up to and with the one holding last.
   std::string TakesUntil(const std::string& last) {
@@ -48,10 +48,16 @@ TEST_P(SwitcherTraitTest, KeyCuresTheSymptom) {
     std::function<std::string()> observe;
   };
   const trait traits[] = {
+      // Takes on the switcher's own panel, in the routing report status polling makes.
       {"numbered from 0", {"--outputs", "3", "--inputs", "3", "--output-base", "0", "--input-base", "0"},
-       "status numbering", "base", "1 2 ", "0 1 2 ", [this] { return Routed(); }},
+       "status numbering", "base", "o1.input.all=2\no2.input.all=2\n", "o0.input.all=2\no1.input.all=2\n",
+       [this] {
+         child_write(emu_, "take 0 2\ntake 1 2\n");
+         const std::string report = WaitRecord("o1.input.all=2");
+         return report.substr(report.find("\no") + 1);
+       }},
       {"no level 0", {"--outputs", "2", "--inputs", "2", "--levels", "Video:1,Audio:2"},
-       "status level", "first", "", "0 1 ", [this] { return Routed(); }},
+       "status level", "first", "", "0=0 1=1 ", [this] { return Routed(); }},
       {"slow handshake", {"--outputs", "2", "--inputs", "2", "--delay", "400"}, "handshake resend",
        "1000", "", "Emulated Switcher", [this] { return backend_.tables.info["model"]; }},
       // The switcher gone, a take flushed meanwhile, then one once it is back.
@@ -71,13 +77,13 @@ TEST_P(SwitcherTraitTest, KeyCuresTheSymptom) {
          Take(1, 299);
          Take(1, 0);
          const std::string takes = TakesUntil("recv TI 1 2");  // before asking for the routes
-         return takes + (Routed().find(" 299 ") == std::string::npos ? "" : "299 reported");
+         return takes + (Routed().find(" 299=1 ") == std::string::npos ? "" : "299 reported");
        }},
   };
   const auto& [which, from] = GetParam();
   const trait& t = traits[which];
-  SCOPED_TRACE(std::string(t.name) + (from == key_from::file ? ", key in the file" : "") +
-               (from == key_from::set ? ", key by set" : ""));
+  SCOPED_TRACE(t.name + std::string(from == key_from::file ? ", the key in the file" : "") +
+               (from == key_from::set ? ", the key by set" : ""));
   StartEmulator(t.emulator);
   const std::string key = std::string(t.key) + " = " + t.value + "\n";
   const std::string cfg = client_emulator_config(port_) + (from == key_from::file ? key : "");

@@ -71,8 +71,7 @@ class Emulator:
 
 
 class Panel:
-    """The panel on a configuration naming the emulator; url is empty when it
-    did not start."""
+    """The panel on a configuration naming the emulator; url is empty if it did not start."""
 
     def __init__(self, emulator, *options):
         self.proc = subprocess.Popen([PANEL, "--backend", BACKEND, "--file", emulator.config.name,
@@ -212,12 +211,10 @@ class PanelTest(PanelCase):
             click(first, '.lock[data-o="6"]')
             until(lambda: first.find_elements(By.CSS_SELECTOR, '.lock.on[data-o="6"]'), what="lock")
             first.save_screenshot(os.environ["PANEL_SCREENSHOT"])
-        start = time.time()  # a take the switcher refuses (OUT 8 is protected) is marked so at once
-        click_cell(first, 7, 3)
+        click_cell(first, 7, 3)  # a take the switcher refuses (OUT 8 is protected) is marked so at once
         first.find_element(By.ID, "take").click()
         until(lambda: "OUT 8 (7) \u2190 CAM 4 (3): refused by the switcher (code 04)"
               in first.find_element(By.ID, "unconfirmed").text, what="the refusal")
-        print("take refused, shown after %.3f s" % (time.time() - start))
 
 
 class OddNamesPanelTest(PanelCase):
