@@ -97,9 +97,10 @@ TEST_F(ConfigTest, ActiveCountsAreCapped) {
 TEST_F(ConfigTest, OptionalKeysTakeTheirValuesOrSayWhatTheyKeep) {
   const std::tuple<const char*, const char*, const char*> cases[] = {  // key, value, kept
       {"status numbering", "base \r", nullptr}, {"status numbering", "Base", "base"},
-      {"status level", "first", nullptr},        {"status level", "32", "first"},
+      {"status level", "first", nullptr},        {"status level", "-1", "first"},
       {"handshake resend", "99", "100"},         {"flush while down", "drop", nullptr},
       {"active limit", "1025", "256"},           {"active limit", "300", nullptr},
+      {"status level", "32", "first"},
   };
   for (const auto& [key, value, kept] : cases) {
     const std::string line =
