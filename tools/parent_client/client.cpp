@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 #include <vector>
 
 #include "model/tables.h"
@@ -40,12 +41,11 @@ void take_output_line(parent_client& c, const std::string& line, us_time_t now) 
 
 constexpr std::size_t max_refused_kept = 1024;
 
-// The text after a line format's fixed start (up to its first conversion),
-// or false when line does not start so.
-bool after_fixed_start(const std::string& line, const char* format, std::string& rest) {
-  const std::string fixed(format, std::string(format).find('%'));
-  if (line.compare(0, fixed.size(), fixed) != 0) return false;
-  rest = line.substr(fixed.size());
+// The text after the fixed start of the line format writes (link_line_is),
+// or false when line is not one of its lines.
+bool after_fixed_start(const std::string& line, std::string_view format, std::string& rest) {
+  if (!link_line_is(line, format)) return false;
+  rest = line.substr(format.find_first_of("%\n"));
   return true;
 }
 
